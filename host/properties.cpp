@@ -1,0 +1,117 @@
+// Host stand-in for the libcutils property readers, backed by a file in build.prop form named by
+// STALL_WARD_PROPERTIES: one key=value a line, the key up to the first '=', the value the rest of
+// the line, untrimmed; blank lines and lines starting with '#' are skipped; the last line for a
+// key wins. Without the variable there are no properties. The conversions follow libcutils.
+#include <android-base/file.h>
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <errno.h>
+#include <inttypes.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <unordered_map>
+
+namespace {
+
+constexpr const char* kTag = "stall_ward";
+
+struct PropertyFile {
+  bool loaded = false;
+  std::string path;  // the STALL_WARD_PROPERTIES value the table was read from
+  std::unordered_map<std::string, std::string> values;
+};
+
+void parse(const std::string& path, const std::string& text, PropertyFile* file) {
+  size_t start = 0;
+  for (int line_no = 1; start < text.size(); ++line_no) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string line = text.substr(start, end - start);
+    start = end + 1;
+    if (line.empty() || line[0] == '#') continue;
+    size_t eq = line.find('=');
+    if (eq == std::string::npos || eq == 0) {
+      __android_log_print(ANDROID_LOG_ERROR, kTag, "%s:%d: not a key=value line, ignored",
+                          path.c_str(), line_no);
+      continue;
+    }
+    std::string key = line.substr(0, eq);
+    std::string value = line.substr(eq + 1);
+    if (value.size() >= PROPERTY_VALUE_MAX) {
+      __android_log_print(ANDROID_LOG_ERROR, kTag,
+                          "%s: value of %s is %zu bytes, longer than %d: ignored", path.c_str(),
+                          key.c_str(), value.size(), PROPERTY_VALUE_MAX - 1);
+      file->values.erase(key);
+      continue;
+    }
+    file->values[key] = value;
+  }
+}
+
+// The table of the file currently named by STALL_WARD_PROPERTIES, read once per file name.
+const std::unordered_map<std::string, std::string>& properties() {
+  static PropertyFile file;
+  const char* env = getenv("STALL_WARD_PROPERTIES");
+  std::string path = env != nullptr ? env : "";
+  if (file.loaded && file.path == path) return file.values;
+  file.loaded = true;
+  file.path = path;
+  file.values.clear();
+  if (path.empty()) return file.values;
+  std::string text;
+  if (!android::base::ReadFileToString(path, &text, true)) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot read property file %s: %s", path.c_str(),
+                        strerror(errno));
+    return file.values;
+  }
+  parse(path, text, &file);
+  return file.values;
+}
+
+}  // namespace
+
+int property_get(const char* key, char* value, const char* default_value) {
+  size_t len = 0;
+  const auto& values = properties();
+  auto it = key != nullptr ? values.find(key) : values.end();
+  if (it != values.end() && !it->second.empty()) {
+    len = it->second.size();  // below PROPERTY_VALUE_MAX: longer values are never stored
+    memcpy(value, it->second.c_str(), len + 1);
+  } else if (default_value != nullptr) {
+    len = strnlen(default_value, PROPERTY_VALUE_MAX - 1);
+    memcpy(value, default_value, len);
+    value[len] = '\0';
+  } else {
+    value[0] = '\0';
+  }
+  return static_cast<int>(len);
+}
+
+int8_t property_get_bool(const char* key, int8_t default_value) {
+  char buf[PROPERTY_VALUE_MAX] = {};
+  property_get(key, buf, "");
+  static const char* const kTrue[] = {"1", "y", "yes", "on", "true"};
+  static const char* const kFalse[] = {"0", "n", "no", "off", "false"};
+  for (const char* word : kTrue) {
+    if (strcmp(buf, word) == 0) return 1;
+  }
+  for (const char* word : kFalse) {
+    if (strcmp(buf, word) == 0) return 0;
+  }
+  return default_value;
+}
+
+int64_t property_get_int64(const char* key, int64_t default_value) {
+  char buf[PROPERTY_VALUE_MAX] = {};
+  if (property_get(key, buf, "") == 0) return default_value;
+  char* end = nullptr;
+  int saved_errno = errno;
+  errno = 0;
+  intmax_t result = strtoimax(buf, &end, 0);
+  bool overflow = errno == ERANGE && (result == INTMAX_MIN || result == INTMAX_MAX);
+  errno = saved_errno;
+  if (end == buf || overflow) return default_value;
+  return result;
+}

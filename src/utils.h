@@ -1,0 +1,44 @@
+// Property readers, the shell command runner and splitter, and the ps-based lookups.
+#pragma once
+
+#include <android/log.h>
+
+#include <string>
+#include <vector>
+
+#define LOG_TAG "stall_ward"
+
+extern bool debug_enabled;
+
+// Log lines written only while the debug property is on; the few lines that are always written
+// call __android_log_print directly.
+#define SW_LOG_IF_DEBUG(prio, ...)                                      \
+  do {                                                                  \
+    if (debug_enabled) __android_log_print(prio, LOG_TAG, __VA_ARGS__); \
+  } while (0)
+#define DLOGD(...) SW_LOG_IF_DEBUG(ANDROID_LOG_DEBUG, __VA_ARGS__)
+#define DLOGI(...) SW_LOG_IF_DEBUG(ANDROID_LOG_INFO, __VA_ARGS__)
+#define DLOGE(...) SW_LOG_IF_DEBUG(ANDROID_LOG_ERROR, __VA_ARGS__)
+
+// Size of the buffer exec_command fills; callers zero it before each call.
+constexpr size_t kShellOutputSize = 1024;
+
+struct pid_info;
+
+bool get_prop_bool(const char* key, bool default_value);
+// The property's 64-bit value cut to its low 32 bits (not clamped).
+int get_prop_int(const char* key, long default_value);
+std::string get_prop_string(const char* key, const char* default_value);
+
+// Runs command through the shell and reads its first kilobyte of output into output (whose
+// kShellOutputSize bytes the caller has zeroed). 0 once the stream is closed, -1 when the
+// arguments are null or the command cannot start, errno when closing fails.
+int exec_command(const char* command, char* output);
+// The non-empty pieces of text between any of the characters in delimiters.
+std::vector<std::string> string_split(const std::string& text, const char* delimiters);
+
+// Whether `ps` lists this daemon under its own process id, so the shell lookup can be used.
+bool is_sh_available();
+// Fills info with the process called proc_name (pid, tid = pid, ppid) and, for a non-empty
+// thread_name, that thread's id (-1 when absent). A process not running leaves info untouched.
+void sh_find_proc(pid_info* info, const std::string& proc_name, const std::string& thread_name);
