@@ -1,0 +1,193 @@
+// A stand-in for a monitored process. Started with the command line a test chooses (argv[0] such
+// as /system/bin/system_server), it names its threads and puts each into a chosen state, then
+// prints one line "<pid> <name>=<tid> ..." on stdout once every thread is in place.
+//
+//   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
+//                        child that never exits (uninterruptible), P runs now and then (progress)
+//   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
+//   --main-name NAME     the main thread's name (default: the base name of argv[0])
+//   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
+//                        taken on a thread of their own, as an app runtime's signal catcher does
+//   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
+//                        stand-in, whose argv[0] is the first of ARGS, and wait
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kDumpSignal = 35;
+
+struct ThreadSpec {
+  std::string name;
+  char state;
+  pid_t tid = 0;
+};
+
+[[noreturn]] void die(const char* what) {
+  perror(what);
+  _exit(2);
+}
+
+pid_t gettid_() {
+  return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+void set_name(const std::string& name) {
+  prctl(PR_SET_NAME, name.substr(0, 15).c_str());
+}
+
+char task_state(pid_t tid) {
+  char path[64];
+  snprintf(path, sizeof(path), "/proc/self/task/%d/stat", tid);
+  FILE* f = fopen(path, "r");
+  if (f == nullptr) return '?';
+  char buf[512] = {};
+  size_t n = fread(buf, 1, sizeof(buf) - 1, f);
+  fclose(f);
+  buf[n] = '\0';
+  const char* close_paren = strrchr(buf, ')');
+  return close_paren != nullptr && close_paren[1] == ' ' ? close_paren[2] : '?';
+}
+
+void sleep_ms(long ms) {
+  timespec ts = {ms / 1000, (ms % 1000) * 1000000};
+  while (nanosleep(&ts, &ts) == -1) {
+  }
+}
+
+void* run_thread(void* arg) {
+  ThreadSpec* spec = static_cast<ThreadSpec*>(arg);
+  set_name(spec->name);
+  __atomic_store_n(&spec->tid, gettid_(), __ATOMIC_SEQ_CST);
+  switch (spec->state) {
+    case 'R':
+      for (volatile unsigned long i = 0;; ++i) {
+      }
+    case 'D':
+      // The parent thread waits uninterruptibly until the vfork child execs or exits, which it
+      // never does; it dies with this thread, and is renamed so it is not taken for the thread.
+      if (vfork() == 0) {
+        prctl(PR_SET_NAME, "vfork-child");
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;) pause();
+      }
+      break;
+    case 'P':
+      for (;;) {
+        sleep_ms(50);
+        for (volatile int i = 0; i < 2000000; ++i) {
+        }
+      }
+    default:
+      break;
+  }
+  for (;;) pause();
+}
+
+const char* signal_file = nullptr;
+
+void* catch_signals(void*) {
+  set_name("Signal Catcher");
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGQUIT);
+  sigaddset(&set, kDumpSignal);
+  for (;;) {
+    int sig = sigwaitinfo(&set, nullptr);
+    if (sig < 0) continue;
+    int fd = open(signal_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) continue;
+    dprintf(fd, "sig=%d\n", sig);
+    close(fd);
+  }
+}
+
+[[noreturn]] void spawn_child(char** child_argv) {
+  pid_t parent = getpid();
+  pid_t child = fork();
+  if (child < 0) die("fork");
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+    execv("/proc/self/exe", child_argv);
+    die("execv");
+  }
+  for (;;) {
+    int status;
+    if (waitpid(child, &status, 0) == child) _exit(0);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<ThreadSpec> threads;
+  threads.reserve(static_cast<size_t>(argc));
+  char main_state = 'S';
+  std::string base = argv[0];
+  std::string main_name = base.substr(base.rfind('/') + 1);
+  set_name(main_name);
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--spawn" && i + 1 < argc) spawn_child(argv + i + 1);
+    if (i + 1 >= argc) die("missing option value");
+    std::string value = argv[++i];
+    if (arg == "--thread") {
+      size_t colon = value.rfind(':');
+      if (colon == std::string::npos || colon + 2 != value.size()) die("--thread NAME:STATE");
+      threads.push_back({value.substr(0, colon), value[colon + 1]});
+    } else if (arg == "--main") {
+      main_state = value[0];
+    } else if (arg == "--main-name") {
+      main_name = value;
+    } else if (arg == "--signals") {
+      signal_file = argv[i];
+    } else {
+      die("unknown option");
+    }
+  }
+  set_name(main_name);
+  setvbuf(stdout, nullptr, _IONBF, 0);
+
+  if (signal_file != nullptr) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGQUIT);
+    sigaddset(&set, kDumpSignal);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);  // inherited by every thread made from here on
+    pthread_t catcher;
+    if (pthread_create(&catcher, nullptr, catch_signals, nullptr) != 0) die("pthread_create");
+  }
+  for (ThreadSpec& spec : threads) {
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, run_thread, &spec) != 0) die("pthread_create");
+  }
+  // Wait until each thread is in its state, so that the test samples what it asked for.
+  for (ThreadSpec& spec : threads) {
+    char want = spec.state == 'P' ? '\0' : spec.state;
+    for (int tries = 0;; ++tries) {
+      pid_t tid = __atomic_load_n(&spec.tid, __ATOMIC_SEQ_CST);
+      if (tid != 0 && (want == '\0' || task_state(tid) == want)) break;
+      if (tries > 5000) die("thread did not reach its state");
+      sleep_ms(1);
+    }
+  }
+  std::string line = std::to_string(getpid());
+  for (const ThreadSpec& spec : threads) line += " " + spec.name + "=" + std::to_string(spec.tid);
+  line += "\n";
+  if (write(STDOUT_FILENO, line.data(), line.size()) < 0) die("write");
+  if (main_state == 'Z') pthread_exit(nullptr);
+  for (;;) pause();
+}
