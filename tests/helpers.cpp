@@ -212,10 +212,11 @@ StandIn start_stand_in(const std::vector<std::string>& argv) {
   StandIn s{spawn(stand_in_path(), argv), -1, {}};
   std::istringstream line(s.child.read_line());
   line >> s.pid;
-  std::string word;
-  while (line >> word) {
-    size_t eq = word.rfind('=');
-    s.tids.emplace_back(word.substr(0, eq), atoi(word.c_str() + eq + 1));
+  for (size_t i = 0; i + 1 < argv.size(); ++i) {
+    if (argv[i] != "--thread") continue;
+    pid_t tid = -1;
+    line >> tid;
+    s.tids.emplace_back(argv[i + 1].substr(0, argv[i + 1].rfind(':')), tid);
   }
   return s;
 }
@@ -291,4 +292,18 @@ std::vector<std::string> SysrqFifo::wait_for(size_t n, int timeout_ms) {
     got = commands();
   }
   return got;
+}
+
+bool wait_for_state(pid_t pid, pid_t tid, char state, int timeout_ms) {
+  std::string path = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/stat";
+  int64_t deadline = now_ms() + timeout_ms;
+  do {
+    std::string stat = read_file_or_empty(path);
+    size_t paren = stat.rfind(')');
+    if (paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] == state) {
+      return true;
+    }
+    usleep(2000);
+  } while (now_ms() < deadline);
+  return false;
 }

@@ -101,3 +101,6 @@ class SysrqFifo {
   struct State;
   State* state_;
 };
+
+// Waits until the kernel shows the thread in state (true), or timeout_ms passes (false).
+bool wait_for_state(pid_t pid, pid_t tid, char state, int timeout_ms = 5000);

@@ -1,6 +1,7 @@
 // A stand-in for a monitored process. Started with the command line a test chooses (argv[0] such
 // as /system/bin/system_server), it names its threads and puts each into a chosen state, then
-// prints one line "<pid> <name>=<tid> ..." on stdout once every thread is in place.
+// prints one line "<pid> <tid> ..." on stdout once every thread is in place, the threads' ids in
+// the order of the --thread options.
 //
 //   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
 //                        child that never exits (uninterruptible), P runs now and then (progress)
@@ -33,6 +34,7 @@ struct ThreadSpec {
   std::string name;
   char state;
   pid_t tid = 0;
+  int ready = 0;  // set once the thread is fully in its state
 };
 
 [[noreturn]] void die(const char* what) {
@@ -71,6 +73,7 @@ void* run_thread(void* arg) {
   ThreadSpec* spec = static_cast<ThreadSpec*>(arg);
   set_name(spec->name);
   __atomic_store_n(&spec->tid, gettid_(), __ATOMIC_SEQ_CST);
+  if (spec->state != 'D') __atomic_store_n(&spec->ready, 1, __ATOMIC_SEQ_CST);
   switch (spec->state) {
     case 'R':
       for (volatile unsigned long i = 0;; ++i) {
@@ -78,9 +81,12 @@ void* run_thread(void* arg) {
     case 'D':
       // The parent thread waits uninterruptibly until the vfork child execs or exits, which it
       // never does; it dies with this thread, and is renamed so it is not taken for the thread.
+      // The child shares our memory, so it can say when it is set up; until then, killing the
+      // stand-in would leave it behind.
       if (vfork() == 0) {
         prctl(PR_SET_NAME, "vfork-child");
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        __atomic_store_n(&spec->ready, 1, __ATOMIC_SEQ_CST);
         for (;;) pause();
       }
       break;
@@ -179,13 +185,14 @@ int main(int argc, char** argv) {
     char want = spec.state == 'P' ? '\0' : spec.state;
     for (int tries = 0;; ++tries) {
       pid_t tid = __atomic_load_n(&spec.tid, __ATOMIC_SEQ_CST);
-      if (tid != 0 && (want == '\0' || task_state(tid) == want)) break;
+      bool ready = __atomic_load_n(&spec.ready, __ATOMIC_SEQ_CST) != 0;
+      if (tid != 0 && ready && (want == '\0' || task_state(tid) == want)) break;
       if (tries > 5000) die("thread did not reach its state");
       sleep_ms(1);
     }
   }
   std::string line = std::to_string(getpid());
-  for (const ThreadSpec& spec : threads) line += " " + spec.name + "=" + std::to_string(spec.tid);
+  for (const ThreadSpec& spec : threads) line += " " + std::to_string(spec.tid);
   line += "\n";
   if (write(STDOUT_FILENO, line.data(), line.size()) < 0) die("write");
   if (main_state == 'Z') pthread_exit(nullptr);
