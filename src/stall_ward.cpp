@@ -502,8 +502,59 @@ void collect_proc_info(bool use_shell) {
 // ---------------------------------------------------------------------------------------------
 // The frozen-thread scan and the policy actions.
 
+// Judges every record after a sweep. The first time a stall reaches the timeout, evidence is
+// gathered: kernel dumps for a thread stuck in the kernel (D) or dead (Z), dumps inside the
+// process for a thread asleep in user space (S) or never found. If the stall then lasts another
+// whole timeout, the policy is applied, and again at each further timeout without progress.
 void scan_process_status() {
-  // Filled in with the scan; until then a sweep samples but never judges.
+  for (auto& entry : mTids) {
+    proc& rec = entry.second;
+    if (rec.frozen) {
+      DLOGI("%s frozen", rec.comm);
+      continue;
+    }
+    if (rec.pid == kNoId) {
+      DLOGI("%s proc not started", entry.first.c_str());
+      continue;
+    }
+    if (rec.stuck_ms < alarm_ms) continue;
+    rec.stuck_ms = 0;
+
+    bool thread_level = false;
+    if (rec.updated && rec.tid != kNoId) {
+      if (rec.state == 'D' || rec.state == 'Z') {
+        thread_level = true;
+      } else if (rec.state != 'S') {
+        continue;
+      }
+    }
+    if (thread_level) {
+      if (rec.reported) {
+        // A zombie cannot be acted on itself: its parent is.
+        handle_policy(static_cast<int>(rec.state == 'Z' ? rec.ppid : rec.pid));
+        continue;
+      }
+      if (rec.state == 'Z') kill(static_cast<pid_t>(rec.ppid), kDumpSignal);
+      do_sys_rq("w");
+      do_sys_rq("l");
+      usleep(kDumpPauseUs);
+      rec.reported = true;
+      DLOGI("dumped %u %c", rec.pid, rec.state);
+      continue;
+    }
+    if (rec.reported) {
+      handle_policy(static_cast<int>(rec.pid));
+      continue;
+    }
+    if (rec.is_app) {
+      // The app runtime answers SIGQUIT with its threads' stack traces; give it time to write them.
+      kill(static_cast<pid_t>(rec.pid), SIGQUIT);
+      usleep(kDumpPauseUs);
+    }
+    kill(static_cast<pid_t>(rec.pid), kDumpSignal);  // the pid is read again after the pause
+    DLOGI("dumped %u", rec.pid);
+    rec.reported = true;
+  }
 }
 
 void do_sys_rq(const char* command) {

@@ -64,7 +64,7 @@ TEST(SysRq, TheAlarmHandlerDumpsBlockedTasksAndCpus) {
 struct PolicyCase {
   int policy;
   bool debug;
-  std::vector<std::string> log;  // "%u" stands for the target's pid
+  std::vector<std::string> log;  // "$PID" stands for the target's pid
   bool kills;
 };
 
@@ -81,10 +81,8 @@ TEST_P(Policy, ActsAndLogsAsConfigured) {
   LogCapture log;
   handle_policy(target.pid);
   std::vector<std::string> expected;
-  for (std::string line : c.log) {
-    size_t at = line.find("%u");
-    if (at != std::string::npos) line.replace(at, 2, std::to_string(target.pid));
-    expected.push_back(line);
+  for (const std::string& line : c.log) {
+    expected.push_back(replace_all(line, "$PID", std::to_string(target.pid)));
   }
   EXPECT_EQ(log.messages(), expected);
   int status = target.child.wait(c.kills ? 5000 : 200);
@@ -100,7 +98,7 @@ const char kRefused[] = "E android_reboot refused: STALL_WARD_ALLOW_REBOOT=1 is 
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, Policy,
-    testing::Values(PolicyCase{POLICY_KILL, true, {"I killing proc %u"}, true},
+    testing::Values(PolicyCase{POLICY_KILL, true, {"I killing proc $PID"}, true},
                     PolicyCase{POLICY_KILL, false, {}, true},
                     PolicyCase{POLICY_REBOOT, true, {"I rebooting", kRefused}, false},
                     PolicyCase{POLICY_REBOOT, false, {kRefused}, false},

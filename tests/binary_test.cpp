@@ -6,34 +6,19 @@
 
 namespace {
 
-// Runs build/stall_ward with a property file for run_ms and returns its log.
-std::string run_daemon(const TempDir& dir, const std::string& properties, int run_ms,
-                       bool* still_running) {
-  write_file(dir.path("props"), properties);
-  Child daemon = spawn(daemon_path(), {daemon_path()},
-                       {"STALL_WARD_PROPERTIES=" + dir.path("props"),
-                        "STALL_WARD_SYSRQ_TRIGGER=" + dir.path("trigger")},
-                       dir.path("log"));
-  *still_running = daemon.wait(run_ms) == -1;
-  return read_file_or_empty(dir.path("log"));
-}
-
 TEST(Binary, DisabledItParksAfterStarted) {
   for (const char* props : {"", "persist.vendor.sw.enable=false\npersist.vendor.sw.debug=1\n"}) {
-    TempDir dir;
-    bool running = false;
-    std::string log = run_daemon(dir, props, 500, &running);
-    EXPECT_TRUE(running) << "a disabled daemon parks; it never exits";
+    DaemonRun run(props, {}, false);
+    EXPECT_EQ(run.daemon.wait(500), -1) << "a disabled daemon parks; it never exits";
+    std::string log = run.log();
     EXPECT_EQ(log_messages(log), std::vector<std::string>{"D started"}) << log;
   }
 }
 
 TEST(Binary, EnabledItLogsItsConfigurationInLogcatLayout) {
-  TempDir dir;
-  bool running = false;
-  std::string log = run_daemon(
-      dir, "persist.vendor.sw.enable=1\npersist.vendor.sw.processes=init:x\n", 500, &running);
-  EXPECT_TRUE(running);
+  DaemonRun run("persist.vendor.sw.enable=1\npersist.vendor.sw.processes=init:x\n", {}, false);
+  EXPECT_EQ(run.daemon.wait(500), -1);
+  std::string log = run.log();
   std::vector<std::string> m = log_messages(log);
   EXPECT_EQ(m, (std::vector<std::string>{"D started", "I get persist.vendor.sw.timeout =120",
                                          "I get persist.vendor.sw.processes =init:x",
@@ -49,11 +34,9 @@ TEST(Binary, EnabledItLogsItsConfigurationInLogcatLayout) {
 }
 
 TEST(Binary, DebugOffLeavesOnlyStarted) {
-  TempDir dir;
-  bool running = false;
-  std::string log =
-      run_daemon(dir, "persist.vendor.sw.enable=1\npersist.vendor.sw.debug=0\n", 500, &running);
-  EXPECT_TRUE(running);
+  DaemonRun run("persist.vendor.sw.enable=1\npersist.vendor.sw.debug=0\n", {}, false);
+  EXPECT_EQ(run.daemon.wait(500), -1);
+  std::string log = run.log();
   EXPECT_EQ(log_messages(log), std::vector<std::string>{"D started"}) << log;
 }
 

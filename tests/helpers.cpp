@@ -17,8 +17,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "stall_ward.h"
-
 namespace {
 
 int64_t now_ms() {
@@ -60,16 +58,6 @@ void use_properties(const std::string& content) {
   std::string path = dir.path("props." + std::to_string(++serial));
   write_file(path, content);
   setenv("STALL_WARD_PROPERTIES", path.c_str(), 1);
-}
-
-void reset_daemon(bool debug, int64_t interval) {
-  debug_enabled = debug;
-  policy = POLICY_NOTHING;
-  alarm_ms = 120000;
-  interval_ms = interval;
-  monitor_list.clear();
-  mTids.clear();
-  proc_dir.close_dir();
 }
 
 LogCapture::LogCapture() {
@@ -132,6 +120,13 @@ Child::Child(Child&& other) noexcept
   other.out_ = -1;
 }
 
+Child& Child::operator=(Child&& other) noexcept {
+  std::swap(pid_, other.pid_);
+  std::swap(out_, other.out_);
+  std::swap(pending_, other.pending_);
+  return *this;
+}
+
 Child::~Child() {
   if (pid_ > 0) {
     kill(pid_, SIGKILL);
@@ -189,6 +184,7 @@ Child spawn(const std::string& program, const std::vector<std::string>& argv,
       int fd = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       if (fd >= 0) dup2(fd, STDERR_FILENO);
     }
+    unsetenv("STALL_WARD_ALLOW_REBOOT");  // only ever given explicitly
     for (const std::string& e : env) putenv(const_cast<char*>(e.c_str()));
     // The tests' own signal mask must not leak into what they start.
     sigset_t none;
@@ -306,4 +302,56 @@ bool wait_for_state(pid_t pid, pid_t tid, char state, int timeout_ms) {
     usleep(2000);
   } while (now_ms() < deadline);
   return false;
+}
+
+std::string unique(const std::string& base) {
+  return base + std::to_string(getpid()) + "x";
+}
+
+std::string task_path(pid_t pid, pid_t tid) {
+  return "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
+}
+
+DaemonRun::DaemonRun(const std::string& properties, const std::vector<std::string>& env,
+                     bool accelerate)
+    : trigger(dir.path("trigger")) {
+  write_file(dir.path("props"), properties);
+  std::vector<std::string> all = {"STALL_WARD_PROPERTIES=" + dir.path("props"),
+                                  "STALL_WARD_SYSRQ_TRIGGER=" + dir.path("trigger")};
+  if (accelerate) {
+    all.push_back(std::string("LD_PRELOAD=") + FAKETIME_LIB);
+    all.push_back("FAKETIME=+0 x20");
+  }
+  all.insert(all.end(), env.begin(), env.end());
+  daemon = spawn(daemon_path(), {daemon_path()}, all, dir.path("log"));
+}
+
+std::string DaemonRun::log() const {
+  return read_file_or_empty(dir.path("log"));
+}
+
+int DaemonRun::count(const std::string& prio_message) const {
+  int n = 0;
+  for (const std::string& m : messages()) n += m == prio_message;
+  return n;
+}
+
+bool DaemonRun::wait_for(const std::string& prio_message, int timeout_ms, int n) const {
+  int64_t deadline = now_ms() + timeout_ms;
+  while (count(prio_message) < n) {
+    if (now_ms() > deadline) return false;
+    usleep(50000);
+  }
+  return true;
+}
+
+std::string replace_all(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+std::string faketime_lib() {
+  return FAKETIME_LIB;
 }

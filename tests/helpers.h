@@ -25,7 +25,7 @@ std::string read_file_or_empty(const std::string& path);
 // Points the host property store at a new file holding content.
 void use_properties(const std::string& content);
 
-// Back to the state the daemon has before start-up, debug on and the given interval.
+// (Unit tests only.) Back to the daemon's state before start-up, with debug and the interval.
 void reset_daemon(bool debug = true, int64_t interval = 30000);
 
 // Catches what the daemon logs on stderr from construction until text() is called.
@@ -55,7 +55,7 @@ class Child {
   Child() = default;
   Child(pid_t pid, int out) : pid_(pid), out_(out) {}
   Child(Child&& other) noexcept;
-  Child& operator=(Child&&) = delete;
+  Child& operator=(Child&& other) noexcept;
   ~Child();
   pid_t pid() const { return pid_; }
   // The next line of its stdout, without the line end; empty after timeout_ms.
@@ -104,3 +104,29 @@ class SysrqFifo {
 
 // Waits until the kernel shows the thread in state (true), or timeout_ms passes (false).
 bool wait_for_state(pid_t pid, pid_t tid, char state, int timeout_ms = 5000);
+
+// Names unique to this test process, so that tests running side by side never see each other's
+// stand-ins (nor, through grep, one name inside another).
+std::string unique(const std::string& base);
+std::string task_path(pid_t pid, pid_t tid);
+
+// The real daemon binary, started with a property file, its SysRq trigger a FIFO of its own, its
+// log (stderr) in a file, and time sped up twentyfold through libfaketime unless told otherwise:
+// a sweep every 30 s then takes 1.5 s.
+class DaemonRun {
+ public:
+  explicit DaemonRun(const std::string& properties, const std::vector<std::string>& env = {},
+                     bool accelerate = true);
+  std::string log() const;
+  std::vector<std::string> messages() const { return log_messages(log()); }
+  // Waits until count lines read exactly "P message"; false after timeout_ms.
+  bool wait_for(const std::string& prio_message, int timeout_ms, int count = 1) const;
+  int count(const std::string& prio_message) const;
+
+  TempDir dir;
+  SysrqFifo trigger;
+  Child daemon;
+};
+
+std::string replace_all(std::string text, const std::string& from, const std::string& to);
+std::string faketime_lib();

@@ -6,6 +6,16 @@
 #include "helpers.h"
 #include "stall_ward.h"
 
+void reset_daemon(bool debug, int64_t interval) {
+  debug_enabled = debug;
+  policy = POLICY_NOTHING;
+  alarm_ms = 120000;
+  interval_ms = interval;
+  monitor_list.clear();
+  mTids.clear();
+  proc_dir.close_dir();
+}
+
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   unsetenv("STALL_WARD_ALLOW_REBOOT");

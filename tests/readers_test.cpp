@@ -207,14 +207,6 @@ TEST_F(CraftedTask, AFifteenCharacterNameIsKeptWhole) {
 // ---------------------------------------------------------------------------------------------
 // Real threads.
 
-std::string unique(const std::string& base) {
-  return base + std::to_string(getpid()) + "x";
-}
-
-std::string task_path(pid_t pid, pid_t tid) {
-  return "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
-}
-
 struct LiveCase {
   char wanted;           // the state the stand-in puts the thread in
   char main_state;       // the stand-in's main thread

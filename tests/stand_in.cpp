@@ -4,13 +4,15 @@
 // the order of the --thread options.
 //
 //   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
-//                        child that never exits (uninterruptible), P runs now and then (progress)
+//                        child that never exits (uninterruptible), P runs now and then (progress),
+//                        W works for three seconds and then wedges as in D
 //   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
 //   --main-name NAME     the main thread's name (default: the base name of argv[0])
 //   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
 //                        taken on a thread of their own, as an app runtime's signal catcher does
 //   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
-//                        stand-in, whose argv[0] is the first of ARGS, and wait
+//                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
+//                        before --spawn are the parent's
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -78,6 +80,13 @@ void* run_thread(void* arg) {
     case 'R':
       for (volatile unsigned long i = 0;; ++i) {
       }
+    case 'W':
+      for (int i = 0; i < 60; ++i) {
+        sleep_ms(25);
+        for (volatile int j = 0; j < 200000; ++j) {
+        }
+      }
+      [[fallthrough]];
     case 'D':
       // The parent thread waits uninterruptibly until the vfork child execs or exits, which it
       // never does; it dies with this thread, and is renamed so it is not taken for the thread.
@@ -127,6 +136,9 @@ void* catch_signals(void*) {
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(1);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     execv("/proc/self/exe", child_argv);
     die("execv");
   }
@@ -145,9 +157,13 @@ int main(int argc, char** argv) {
   std::string base = argv[0];
   std::string main_name = base.substr(base.rfind('/') + 1);
   set_name(main_name);
+  char** spawn_argv = nullptr;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
-    if (arg == "--spawn" && i + 1 < argc) spawn_child(argv + i + 1);
+    if (arg == "--spawn" && i + 1 < argc) {
+      spawn_argv = argv + i + 1;
+      break;
+    }
     if (i + 1 >= argc) die("missing option value");
     std::string value = argv[++i];
     if (arg == "--thread") {
@@ -176,13 +192,14 @@ int main(int argc, char** argv) {
     pthread_t catcher;
     if (pthread_create(&catcher, nullptr, catch_signals, nullptr) != 0) die("pthread_create");
   }
+  if (spawn_argv != nullptr) spawn_child(spawn_argv);
   for (ThreadSpec& spec : threads) {
     pthread_t thread;
     if (pthread_create(&thread, nullptr, run_thread, &spec) != 0) die("pthread_create");
   }
   // Wait until each thread is in its state, so that the test samples what it asked for.
   for (ThreadSpec& spec : threads) {
-    char want = spec.state == 'P' ? '\0' : spec.state;
+    char want = spec.state == 'P' || spec.state == 'W' ? '\0' : spec.state;
     for (int tries = 0;; ++tries) {
       pid_t tid = __atomic_load_n(&spec.tid, __ATOMIC_SEQ_CST);
       bool ready = __atomic_load_n(&spec.ready, __ATOMIC_SEQ_CST) != 0;

@@ -13,16 +13,6 @@
 
 namespace {
 
-// Names unique to this test process, so that tests running side by side never see each other's
-// stand-ins (nor, through grep, one name inside another).
-std::string unique(const std::string& base) {
-  return base + std::to_string(getpid()) + "x";
-}
-
-std::string task_path(pid_t pid, pid_t tid) {
-  return "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
-}
-
 int count_prefix(const std::vector<std::string>& lines, const std::string& prefix) {
   return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
     return l.compare(0, prefix.size(), prefix) == 0;
@@ -275,11 +265,8 @@ class SelfTest : public testing::TestWithParam<SelfTestCase> {};
 
 TEST_P(SelfTest, TrustsPsOnlyWhenItListsThisProcessFirst) {
   TempDir dir;
-  std::string out = GetParam().ps_output;
-  for (size_t at; (at = out.find("$PID")) != std::string::npos;) {
-    out.replace(at, 4, std::to_string(getpid()));
-  }
-  write_file(dir.path("out"), out);
+  std::string pid = std::to_string(getpid());
+  write_file(dir.path("out"), replace_all(GetParam().ps_output, "$PID", pid));
   write_file(dir.path("ps"), "#!/bin/sh\ncat '" + dir.path("out") + "'\n");
   chmod(dir.path("ps").c_str(), 0755);
   std::string saved = getenv("PATH");
@@ -293,10 +280,7 @@ TEST_P(SelfTest, TrustsPsOnlyWhenItListsThisProcessFirst) {
   for (const std::string& l : log.messages()) {
     if (l.rfind("I [sh] sw=", 0) == 0) lines.push_back(l);
   }
-  std::string want = GetParam().log_line;
-  for (size_t at; (at = want.find("$PID")) != std::string::npos;) {
-    want.replace(at, 4, std::to_string(getpid()));
-  }
+  std::string want = replace_all(GetParam().log_line, "$PID", pid);
   EXPECT_EQ(lines, want.empty() ? std::vector<std::string>{} : std::vector<std::string>{want});
 }
 
