@@ -21,10 +21,10 @@ cleanup() {
 }
 trap cleanup EXIT
 
-(exec -a /system/bin/system_server build/tests/stand_in --thread watchdog:W \
+(exec -a /system/bin/system_server build/stand_in --thread watchdog:W \
   --thread android.bg:S >/dev/null) &
 system_server=$!
-(exec -a /system/bin/surfaceflinger build/tests/stand_in >/dev/null) &
+(exec -a /system/bin/surfaceflinger build/stand_in >/dev/null) &
 surfaceflinger=$!
 pids+=("$system_server" "$surfaceflinger")
 

@@ -32,7 +32,7 @@ namespace {
 
 constexpr int kDumpSignal = 35;
 
-struct ThreadSpec {
+struct ThreadPlan {
   std::string name;
   char state;
   pid_t tid = 0;
@@ -72,11 +72,11 @@ void sleep_ms(long ms) {
 }
 
 void* run_thread(void* arg) {
-  ThreadSpec* spec = static_cast<ThreadSpec*>(arg);
-  set_name(spec->name);
-  __atomic_store_n(&spec->tid, gettid_(), __ATOMIC_SEQ_CST);
-  if (spec->state != 'D') __atomic_store_n(&spec->ready, 1, __ATOMIC_SEQ_CST);
-  switch (spec->state) {
+  ThreadPlan* plan = static_cast<ThreadPlan*>(arg);
+  set_name(plan->name);
+  __atomic_store_n(&plan->tid, gettid_(), __ATOMIC_SEQ_CST);
+  if (plan->state != 'D') __atomic_store_n(&plan->ready, 1, __ATOMIC_SEQ_CST);
+  switch (plan->state) {
     case 'R':
       for (volatile unsigned long i = 0;; ++i) {
       }
@@ -95,7 +95,7 @@ void* run_thread(void* arg) {
       if (vfork() == 0) {
         prctl(PR_SET_NAME, "vfork-child");
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        __atomic_store_n(&spec->ready, 1, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&plan->ready, 1, __ATOMIC_SEQ_CST);
         for (;;) pause();
       }
       break;
@@ -151,7 +151,7 @@ void* catch_signals(void*) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<ThreadSpec> threads;
+  std::vector<ThreadPlan> threads;
   threads.reserve(static_cast<size_t>(argc));
   char main_state = 'S';
   std::string base = argv[0];
@@ -193,23 +193,23 @@ int main(int argc, char** argv) {
     if (pthread_create(&catcher, nullptr, catch_signals, nullptr) != 0) die("pthread_create");
   }
   if (spawn_argv != nullptr) spawn_child(spawn_argv);
-  for (ThreadSpec& spec : threads) {
+  for (ThreadPlan& plan : threads) {
     pthread_t thread;
-    if (pthread_create(&thread, nullptr, run_thread, &spec) != 0) die("pthread_create");
+    if (pthread_create(&thread, nullptr, run_thread, &plan) != 0) die("pthread_create");
   }
   // Wait until each thread is in its state, so that the test samples what it asked for.
-  for (ThreadSpec& spec : threads) {
-    char want = spec.state == 'P' || spec.state == 'W' ? '\0' : spec.state;
+  for (ThreadPlan& plan : threads) {
+    char want = plan.state == 'P' || plan.state == 'W' ? '\0' : plan.state;
     for (int tries = 0;; ++tries) {
-      pid_t tid = __atomic_load_n(&spec.tid, __ATOMIC_SEQ_CST);
-      bool ready = __atomic_load_n(&spec.ready, __ATOMIC_SEQ_CST) != 0;
+      pid_t tid = __atomic_load_n(&plan.tid, __ATOMIC_SEQ_CST);
+      bool ready = __atomic_load_n(&plan.ready, __ATOMIC_SEQ_CST) != 0;
       if (tid != 0 && ready && (want == '\0' || task_state(tid) == want)) break;
       if (tries > 5000) die("thread did not reach its state");
       sleep_ms(1);
     }
   }
   std::string line = std::to_string(getpid());
-  for (const ThreadSpec& spec : threads) line += " " + std::to_string(spec.tid);
+  for (const ThreadPlan& plan : threads) line += " " + std::to_string(plan.tid);
   line += "\n";
   if (write(STDOUT_FILENO, line.data(), line.size()) < 0) die("write");
   if (main_state == 'Z') pthread_exit(nullptr);
