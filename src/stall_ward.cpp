@@ -16,6 +16,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "utils.h"
 
 // ---------------------------------------------------------------------------------------------
@@ -114,10 +116,7 @@ uint64_t stall_wrad_check() {
   timespec end = {};
   clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
   int64_t cost = elapsed_ms(now, end);
-  if (debug_enabled && cost >= 10001) {
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "long time cost: %lld",
-                        static_cast<long long>(cost));
-  }
+  if (cost >= 10001) DLOGE("long time cost: %lld", static_cast<long long>(cost));
   return next_wait(cost, overrun);
 }
 
