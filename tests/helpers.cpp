@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -137,22 +138,35 @@ Child spawn(const std::string& program, const std::vector<std::string>& argv,
             const std::vector<std::string>& env, const std::string& err_path) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) abort();
-  std::vector<char*> args;
+  std::vector<char*> args, envp;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    int err = err_path.empty() ? -1 : open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (err >= 0) dup2(err, STDERR_FILENO);
-    unsetenv("STALL_WARD_ALLOW_REBOOT");  // only ever given explicitly
-    for (const std::string& e : env) putenv(const_cast<char*>(e.c_str()));
-    sigset_t none;  // the tests' signal mask stays with the tests
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    execv(program.c_str(), args.data());
-    _exit(127);
+  // The environment, less a reboot permission, which is only ever given explicitly; env wins.
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string key = std::string(*e).substr(0, std::string(*e).find('=') + 1);
+    bool replaced =
+        std::any_of(env.begin(), env.end(), [&](auto& v) { return v.rfind(key, 0) == 0; });
+    if (!replaced && key != "STALL_WARD_ALLOW_REBOOT=") envp.push_back(*e);
   }
+  for (const std::string& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+  args.push_back(nullptr);
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  if (!err_path.empty()) {
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_path.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  }
+  posix_spawnattr_t attr;  // the tests' signal mask stays with the tests
+  posix_spawnattr_init(&attr);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, program.c_str(), &actions, &attr, args.data(), envp.data()) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
   close(fds[1]);
   return Child(pid, fds[0]);
 }
@@ -199,6 +213,9 @@ std::string android_ps_dir() {
 }
 std::string faketime_lib() {
   return FAKETIME_LIB;
+}
+bool under_emulation() {
+  return UNDER_EMULATION;
 }
 
 SysrqFifo::SysrqFifo(const std::string& path) {

@@ -94,6 +94,8 @@ std::string stand_in_path();
 std::string daemon_path();
 std::string android_ps_dir();
 std::string faketime_lib();
+// Whether these tests run under qemu-user, as the cross build's do.
+bool under_emulation();
 
 // A FIFO standing in for /proc/sysrq-trigger. Held open for reading and writing, so writers never
 // block; each command arrives with its NUL, as the kernel reads it.

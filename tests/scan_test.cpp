@@ -29,6 +29,10 @@ class Scan : public testing::TestWithParam<ScanCase> {};
 
 TEST_P(Scan, JudgesTheRecord) {
   const ScanCase& c = GetParam();
+  if (c.dump_signal != NONE && under_emulation()) {
+    GTEST_SKIP() << "qemu-user sends the real-time signal 35 to a host process under another "
+                    "number, so the stand-in cannot receive it as sent";
+  }
   TempDir dir;
   reset_daemon(true);
   policy = c.policy;
