@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
-# Installs what building and testing stall_ward needs on Debian 12, when it is missing, and
-# configures and builds into build/. Sourced by the other scripts.
+# Installs what building and testing stall_ward on a host needs (Debian 12), when it is missing,
+# then configures and builds into build/. Sourced by the other scripts.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-packages=(cmake g++ make libgtest-dev android-liblog-dev android-libbase-dev android-libcutils-dev
-          faketime procps util-linux)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  echo "installing: ${missing[*]}"
-  $sudo apt-get update -q
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q "${missing[@]}"
-fi
+as_root() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
 
+# install_missing PACKAGE...: apt-get install of those not installed yet.
+install_missing() {
+  local missing=()
+  for p in "$@"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "installing: ${missing[*]}"
+  as_root apt-get update -q
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "${missing[@]}"
+}
+
+install_missing cmake g++ make libgtest-dev android-liblog-dev android-libbase-dev \
+  android-libcutils-dev faketime procps util-linux
 cmake -S . -B build -DBUILD_TESTING=ON >/dev/null
 cmake --build build -j"$(nproc)"

@@ -39,8 +39,10 @@ bool eventually(F done, int timeout_ms) {
   return true;
 }
 
-// Points the host property store at a new file holding content.
+// Sets the properties to the key=value lines of content, every other one the tests use unset
+// (the host store: a new property file; a device: the real properties).
 void use_properties(const std::string& content);
+bool host_property_store();
 // (Unit tests.) The daemon's state before start-up, with debug and the interval given.
 void reset_daemon(bool debug = true, int64_t interval = 30000);
 
