@@ -191,31 +191,52 @@ proc* proc_lookup(const char* name) {
 // ---------------------------------------------------------------------------------------------
 // Thread readers.
 
-// Reads a whole file without following symbolic links; an unreadable file reads as empty.
+// Reads a whole file into content without following symbolic links; an unreadable file reads
+// as empty. content keeps its capacity from one read to the next.
+static void read_file(const std::string& path, std::string* content) {
+  if (!android::base::ReadFileToString(path, content, false)) {
+    DLOGI("Read %s failed", path.c_str());
+    content->clear();
+  }
+}
+
 static std::string read_file(const std::string& path) {
   std::string content;
-  if (!android::base::ReadFileToString(path, &content, false)) {
-    DLOGI("Read %s failed", path.c_str());
-    content.clear();
-  }
+  read_file(path, &content);
   return content;
 }
 
 // The text up to the first blank, tab, line end or NUL.
-static std::string first_word(std::string text) {
-  size_t cut = text.find_first_of(std::string(" \t\r\n", 5));
-  if (cut != std::string::npos) text.resize(cut);
-  return text;
+static std::string first_word(const std::string& text) {
+  static constexpr char kEnds[] = " \t\r\n";  // with its NUL: five characters
+  return text.substr(0, text.find_first_of(kEnds, 0, sizeof(kEnds)));
 }
 
+// The sweep reads one command line per process: the path and the content are built in buffers
+// reused from call to call, so that no read allocates.
 std::string get_proc_name(std::string id) {
-  return first_word(read_file("/proc/" + id + "/cmdline"));
+  static std::string path, content;
+  path.assign("/proc/").append(id).append("/cmdline");
+  read_file(path, &content);
+  return first_word(content);
 }
 
 // Cuts at the first blank like get_proc_name: a thread named "Jit thread pool" reads as "Jit",
 // whereas get_stat keeps the whole name from stat.
 std::string get_comm(std::string task_path) {
-  return first_word(read_file(task_path + "/comm"));
+  static std::string content;
+  read_file(task_path.append("/comm"), &content);
+  return first_word(content);
+}
+
+std::string command_base_name(const std::string& name) {
+  // The last of the non-empty pieces between slashes, when there are two or more of them.
+  size_t end = name.find_last_not_of('/');
+  if (end == std::string::npos) return name;
+  size_t slash = name.rfind('/', end);
+  if (slash == std::string::npos) return name;
+  bool earlier_piece = name.find_first_not_of('/') < slash;
+  return earlier_piece ? name.substr(slash + 1, end - slash) : name;
 }
 
 static bool is_zygote(const std::string& name) {
@@ -364,11 +385,11 @@ void DirInfo::close_dir() {
 bool get_valid_tid_dir(const linux_dirent64* entry, std::string* path) {
   if (entry->d_name[0] < '0' || entry->d_name[0] > '9') return false;
   if (entry->d_type == DT_DIR) {
-    *path = std::string(kProcDir) + entry->d_name;
+    path->assign(kProcDir).append(entry->d_name);
     return true;
   }
   if (entry->d_type != DT_UNKNOWN) return false;
-  *path = std::string(kProcDir) + entry->d_name;
+  path->assign(kProcDir).append(entry->d_name);
   struct stat st = {};
   // Only the directory bit of the mode is tested, not the whole file-type field.
   return lstat(path->c_str(), &st) == 0 && (st.st_mode & 0x4000) != 0;
@@ -425,8 +446,7 @@ static void walk_proc(pid_info* info) {
     if (get_valid_tid_dir(entry, &proc_path)) {
       std::string name = get_proc_name(entry->d_name);
       if (!name.empty()) {
-        std::vector<std::string> pieces = string_split(name, "/");
-        if (pieces.size() >= 2) name = pieces.back();
+        name = command_base_name(name);
         for (const monitor_info& candidate : monitor_list) {
           if (candidate.name == name) {
             matched = &candidate;

@@ -106,6 +106,9 @@ proc* proc_lookup(const char* name);
 
 std::string get_proc_name(std::string id);
 std::string get_comm(std::string task_path);
+// The last of the non-empty pieces of a command name split at '/', when there are two or more:
+// /system/bin/foo is compared as foo; foo, /foo and foo/ stay as they are.
+std::string command_base_name(const std::string& name);
 void get_schedstat(proc* rec, const std::string& task_path);
 void get_stat(pid_info* info, std::string task_path);
 void read_stat_with_proc(pid_info* info);

@@ -95,6 +95,18 @@ TEST_F(Sweep, ProcWalkCountsAThreadNeverSeenAndOnlyInARunningProcess) {
   }
 }
 
+TEST(CommandBaseName, TakesTheLastPieceOnlyWhenThereAreTwoOrMore) {
+  const std::pair<const char*, const char*> cases[] = {{"/system/bin/foo", "foo"},
+                                                       {"foo", "foo"},
+                                                       {"/foo", "/foo"},
+                                                       {"foo/", "foo/"},
+                                                       {"a//b", "b"},
+                                                       {"a/b/", "b"},
+                                                       {"//", "//"},
+                                                       {"", ""}};
+  for (const auto& [name, base] : cases) EXPECT_EQ(command_base_name(name), base) << name;
+}
+
 TEST(ValidTidDir, AcceptsDirectoriesWhoseNameStartsWithADigit) {
   // clang-format off
   const std::tuple<const char*, uint8_t, bool, const char*> cases[] = {
