@@ -13,11 +13,12 @@ mkdir -p build/bench
 } | tee build/bench/results.txt
 base=$(ps -e --no-headers | wc -l)
 gnuplot <<PLOT
-set terminal svg size 720,420 font "sans,12"
+set terminal svg size 720,420 font "sans,12" noenhanced
 set output "docs/sweep-cost.svg"
 set title "CPU time per sweep (monitored process with 2 threads)"
 set xlabel "processes on the machine"
-set ylabel "microseconds"
+set ylabel "microseconds (log scale)"
+set logscale y
 set key left top
 set grid
 plot "build/bench/sweep.dat" using (\$1+$base):2 with linespoints title "stall_ward /proc walk", \
