@@ -1,8 +1,20 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test: the host suites through CTest, then the
+# Installs what is missing, builds, and runs the tests: the host suites through CTest, then the
 # device checks (Android.bp, SELinux policy, arm64 unit tests under qemu-user).
-#   scripts/test.sh [--host-only]
+#   scripts/test.sh              the host suites and the device checks
+#   scripts/test.sh --host-only  the host suites alone
+#   scripts/test.sh --full       everything, also every suite again built with ASan and UBSan
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+mode=${1:-}
 ctest --test-dir build --output-on-failure -j"$(nproc)"
-[ "${1:-}" = "--host-only" ] || scripts/check-device.sh
+[ "$mode" = --host-only ] && exit 0
+scripts/check-device.sh
+[ "$mode" = --full ] || exit 0
+
+echo "== every suite again, with AddressSanitizer, UndefinedBehaviorSanitizer and LeakSanitizer"
+cmake -S . -B build-asan -DBUILD_TESTING=ON -DSTALL_WARD_SANITIZE=ON >/dev/null
+cmake --build build-asan -j"$(nproc)"
+# libfaketime comes before the sanitizer runtime in the scenarios' daemons.
+ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir build-asan --output-on-failure -j"$(nproc)"
