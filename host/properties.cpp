@@ -1,14 +1,20 @@
 // Host stand-in for the libcutils property readers, backed by a file in build.prop form named by
 // STALL_WARD_PROPERTIES: one key=value a line, the key up to the first '=', the value the rest of
 // the line, untrimmed; blank lines and lines starting with '#' are skipped; the last line for a
-// key wins. Without the variable there are no properties. The conversions follow libcutils.
+// key wins. Without the variable there are no properties. A file that others than its owner may
+// write, or that neither root nor the daemon's user owns, is refused. The conversions follow
+// libcutils.
 #include <android-base/file.h>
+#include <android-base/unique_fd.h>
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <inttypes.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <unordered_map>
@@ -60,10 +66,21 @@ const std::unordered_map<std::string, std::string>& properties() {
   file.path = path;
   file.values.clear();
   if (path.empty()) return file.values;
+  // The values reach a shell command line run as root: only root or the daemon's own user may
+  // be able to change them.
   std::string text;
-  if (!android::base::ReadFileToString(path, &text, true)) {
+  android::base::unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat st = {};
+  if (fd < 0 || fstat(fd, &st) != 0 || !android::base::ReadFdToString(fd, &text)) {
     __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot read property file %s: %s", path.c_str(),
                         strerror(errno));
+    return file.values;
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 || (st.st_uid != 0 && st.st_uid != geteuid())) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag,
+                        "property file %s ignored: it must be owned by root or uid %d and "
+                        "writable by its owner alone",
+                        path.c_str(), static_cast<int>(geteuid()));
     return file.values;
   }
   parse(path, text, &file);

@@ -34,6 +34,7 @@ mkfifo "$work/sysrq-trigger"
 exec 3<>"$work/sysrq-trigger"
 
 printf 'persist.vendor.sw.enable=true\npersist.vendor.sw.policy=kill\n' >"$work/props"
+chmod 644 "$work/props"  # the daemon refuses a property file others could change
 echo "stand-ins: system_server pid $system_server (watchdog wedges in D after ~3 s)," \
   "surfaceflinger pid $surfaceflinger"
 if [ "$speed" -gt 1 ]; then

@@ -1,5 +1,6 @@
 // Start-up configuration, the pacing arithmetic and the property readers.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "helpers.h"
@@ -160,6 +161,24 @@ TEST(PropertyReaders, RejectValuesTooLongAndUnreadableFilesWithOneLine) {
   EXPECT_EQ(m[0].rfind("E ", 0), 0u);
   EXPECT_NE(m[0].find(" k "), std::string::npos);
   EXPECT_EQ(m[1].rfind("E cannot read property file /nonexistent/sw.prop", 0), 0u);
+}
+
+TEST(PropertyReaders, RefuseAFileOthersCouldChange) {
+  if (!host_property_store()) GTEST_SKIP() << "the host property store's own checks";
+  reset_daemon(false);
+  TempDir dir;
+  const std::tuple<mode_t, uid_t, bool> cases[] = {
+      {0644, 0, true}, {0600, 0, true}, {0664, 0, false}, {0646, 0, false}, {0644, 65534, false}};
+  for (const auto& [mode, owner, accepted] : cases) {
+    std::string path = dir.path("p" + std::to_string(mode) + "." + std::to_string(owner));
+    write_file(path, "k=7\n");
+    ASSERT_EQ(chmod(path.c_str(), mode) | chown(path.c_str(), owner, 0), 0);
+    setenv("STALL_WARD_PROPERTIES", path.c_str(), 1);
+    LogCapture log;
+    EXPECT_EQ(get_prop_int("k", 1), accepted ? 7 : 1) << path;
+    EXPECT_EQ(count_prefix(log.messages(), "E property file " + path + " ignored"),
+              accepted ? 0 : 1);
+  }
 }
 
 }  // namespace

@@ -12,9 +12,16 @@
 #include "helpers.h"
 
 void use_properties(const std::string& content) {
-  static const char* const kKeys[] = {
-      "persist.vendor.sw.enable", "persist.vendor.sw.debug",     "persist.vendor.sw.timeout",
-      "persist.vendor.sw.policy", "persist.vendor.sw.processes", "k", "n", "s", "b", "other"};
+  static const char* const kKeys[] = {"persist.vendor.sw.enable",
+                                      "persist.vendor.sw.debug",
+                                      "persist.vendor.sw.timeout",
+                                      "persist.vendor.sw.policy",
+                                      "persist.vendor.sw.processes",
+                                      "k",
+                                      "n",
+                                      "s",
+                                      "b",
+                                      "other"};
   for (const char* key : kKeys) {
     std::string value, prefix = std::string(key) + "=";
     std::istringstream in(content);
@@ -25,7 +32,9 @@ void use_properties(const std::string& content) {
   }
 }
 
-bool host_property_store() { return false; }
+bool host_property_store() {
+  return false;
+}
 
 namespace {
 
@@ -40,7 +49,8 @@ void stderr_logger(const __android_log_message* m) {
                    t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, now.tv_nsec / 1000000,
                    getpid(), gettid(), kPrio[m->priority & 7], m->tag, m->message);
   if (n > 0) {
-    ssize_t ignored = write(STDERR_FILENO, line, std::min(static_cast<size_t>(n), sizeof(line) - 1));
+    ssize_t ignored =
+        write(STDERR_FILENO, line, std::min(static_cast<size_t>(n), sizeof(line) - 1));
     (void)ignored;
   }
   __android_log_logd_logger(m);

@@ -30,7 +30,7 @@ TempDir::~TempDir() {
 }
 
 void write_file(const std::string& path, const std::string& content) {
-  if (!android::base::WriteStringToFile(content, path)) abort();
+  if (!android::base::WriteStringToFile(content, path, 0644, getuid(), getgid())) abort();
 }
 
 std::string read_file(const std::string& path) {

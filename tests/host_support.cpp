@@ -11,4 +11,6 @@ void use_properties(const std::string& content) {
   setenv("STALL_WARD_PROPERTIES", path.c_str(), 1);
 }
 
-bool host_property_store() { return true; }
+bool host_property_store() {
+  return true;
+}
