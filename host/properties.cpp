@@ -19,6 +19,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "property_file.h"
+
 namespace {
 
 constexpr const char* kTag = "stall_ward";
@@ -29,7 +31,10 @@ struct PropertyFile {
   std::unordered_map<std::string, std::string> values;
 };
 
-void parse(const std::string& path, const std::string& text, PropertyFile* file) {
+}  // namespace
+
+void parse_property_file(const std::string& path, const std::string& text,
+                         std::unordered_map<std::string, std::string>* values) {
   size_t start = 0;
   for (int line_no = 1; start < text.size(); ++line_no) {
     size_t end = text.find('\n', start);
@@ -49,12 +54,14 @@ void parse(const std::string& path, const std::string& text, PropertyFile* file)
       __android_log_print(ANDROID_LOG_ERROR, kTag,
                           "%s: value of %s is %zu bytes, longer than %d: ignored", path.c_str(),
                           key.c_str(), value.size(), PROPERTY_VALUE_MAX - 1);
-      file->values.erase(key);
+      values->erase(key);
       continue;
     }
-    file->values[key] = value;
+    (*values)[key] = value;
   }
 }
+
+namespace {
 
 // The table of the file currently named by STALL_WARD_PROPERTIES, read once per file name.
 const std::unordered_map<std::string, std::string>& properties() {
@@ -83,7 +90,7 @@ const std::unordered_map<std::string, std::string>& properties() {
                         path.c_str(), static_cast<int>(geteuid()));
     return file.values;
   }
-  parse(path, text, &file);
+  parse_property_file(path, text, &file.values);
   return file.values;
 }
 

@@ -3,7 +3,8 @@
 # device checks (Android.bp, SELinux policy, arm64 unit tests under qemu-user).
 #   scripts/test.sh              the host suites and the device checks
 #   scripts/test.sh --host-only  the host suites alone
-#   scripts/test.sh --full       everything, also every suite again built with ASan and UBSan
+#   scripts/test.sh --full       everything: also every suite again built with ASan and UBSan,
+#                                and every fuzzer for 60 s
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 mode=${1:-}
@@ -18,3 +19,6 @@ cmake --build build-asan -j"$(nproc)"
 # libfaketime comes before the sanitizer runtime in the scenarios' daemons.
 ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$(nproc)"
+
+echo "== the fuzzers"
+scripts/fuzz.sh 60

@@ -144,9 +144,8 @@ __attribute__((weak)) int main(int /*argc*/, char** /*argv*/) {
 // ---------------------------------------------------------------------------------------------
 // The monitor list and the process table.
 
-void get_monitor_info() {
-  std::string value =
-      get_prop_string("persist.vendor.sw.processes", "system_server:watchdog surfaceflinger");
+void parse_monitor_list(const std::string& value, std::vector<monitor_info>* list,
+                        std::unordered_map<std::string, proc>* table) {
   for (const std::string& entry : string_split(value, " ")) {
     std::vector<std::string> pieces = string_split(entry, ":");
     if (pieces.empty()) {
@@ -155,16 +154,22 @@ void get_monitor_info() {
     }
     monitor_info info{pieces.size() > 1, pieces[0], {}};
     if (!info.has_threads) {
-      mTids.emplace(info.name, proc{});
+      table->emplace(info.name, proc{});
     } else {
       for (size_t i = 1; i < pieces.size(); ++i) {
         info.threads.insert(pieces[i]);
         // One name is one record, even when two processes watch a thread of that name.
-        mTids.emplace(pieces[i], proc{});
+        table->emplace(pieces[i], proc{});
       }
     }
-    monitor_list.push_back(std::move(info));
+    list->push_back(std::move(info));
   }
+}
+
+void get_monitor_info() {
+  parse_monitor_list(
+      get_prop_string("persist.vendor.sw.processes", "system_server:watchdog surfaceflinger"),
+      &monitor_list, &mTids);
   if (!debug_enabled) return;
   for (const monitor_info& info : monitor_list) {
     if (info.has_threads) {
@@ -243,6 +248,19 @@ static bool is_zygote(const std::string& name) {
   return name == "zygote" || name == "zygote64";
 }
 
+int parse_stat(const std::string& content, stat_fields* out) {
+  return sscanf(content.c_str(), "%u (%16[^)]) %c %u %*d %*d %*d %*d %*d %*d %*d %*d %*d %u %u",
+                &out->tid, out->comm, &out->state, &out->ppid, &out->utime, &out->stime);
+}
+
+int parse_schedstat(const std::string& content, unsigned long long* count) {
+  return sscanf(content.c_str(), "%*d %*d %llu", count);
+}
+
+bool in_frozen_cgroup(const std::string& content) {
+  return content.find(":freezer:/frozen") != std::string::npos;
+}
+
 void get_schedstat(proc* rec, const std::string& task_path) {
   std::string content = read_file(task_path + "/schedstat");
   if (content.empty()) {
@@ -250,7 +268,7 @@ void get_schedstat(proc* rec, const std::string& task_path) {
     return;
   }
   unsigned long long count = ~0ULL;
-  int matched = sscanf(content.c_str(), "%*d %*d %llu", &count);
+  int matched = parse_schedstat(content, &count);
   if (matched == 1 && count != 0 && count != ~0ULL && count != rec->switches) {
     rec->switches = count;
     rec->stuck_ms = 0;
@@ -274,25 +292,23 @@ void get_stat(pid_info* info, std::string task_path) {
     DLOGI("read stat failed");
     return;
   }
-  unsigned tid = ~0U, ppid = ~0U, utime = ~0U, stime = ~0U;
-  char comm[17] = {};
-  char state = '?';
-  int matched =
-      sscanf(content.c_str(), "%u (%16[^)]) %c %u %*d %*d %*d %*d %*d %*d %*d %*d %*d %u %u", &tid,
-             comm, &state, &ppid, &utime, &stime);
-  DLOGI("match=%d, tid=%u, comm=%s, state=%c, ppid=%u, utime=%u, stime=%u", matched, tid, comm,
-        state, ppid, utime, stime);
+  stat_fields f;
+  int matched = parse_stat(content, &f);
+  DLOGI("match=%d, tid=%u, comm=%s, state=%c, ppid=%u, utime=%u, stime=%u", matched, f.tid, f.comm,
+        f.state, f.ppid, f.utime, f.stime);
   if (matched != 6) {
     DLOGI("stat err match");
     return;
   }
-  proc* rec = proc_lookup(comm);
+  const unsigned tid = f.tid, ppid = f.ppid;
+  const char state = f.state;
+  proc* rec = proc_lookup(f.comm);
   if (rec == nullptr) return;
 
   if (!rec->valid || rec->tid != tid) {
     rebind(rec);
     rec->valid = true;
-    memcpy(rec->comm, comm, sizeof(rec->comm) - 1);
+    memcpy(rec->comm, f.comm, sizeof(rec->comm) - 1);
     rec->tid = tid;
     rec->ppid = ppid;
     rec->cmd = get_proc_name(std::to_string(tid));
@@ -304,9 +320,9 @@ void get_stat(pid_info* info, std::string task_path) {
   if (info != nullptr && static_cast<uint32_t>(info->tid) == tid) {
     rec->pid = static_cast<uint32_t>(info->pid);
   }
-  rec->frozen = read_file(task_path + "/cgroup").find(":freezer:/frozen") != std::string::npos;
+  rec->frozen = in_frozen_cgroup(read_file(task_path + "/cgroup"));
 
-  uint32_t cpu_time = utime + stime;
+  uint32_t cpu_time = f.utime + f.stime;
   if (rec->cpu_time != cpu_time) rec->state = '?';
   rec->cpu_time = cpu_time;
   if (rec->state != state) {

@@ -101,6 +101,24 @@ uint64_t next_wait(int64_t cost, int64_t overrun);
 void alarm_handler(int sig);
 int policy_from_text(const std::string& text);
 
+// The values a thread's stat line gives, before parsing at their starting values.
+struct stat_fields {
+  unsigned tid = ~0U;
+  char comm[17] = {};  // up to 16 characters other than ')'
+  char state = '?';
+  unsigned ppid = ~0U, utime = ~0U, stime = ~0U;
+};
+
+// The pure parsers of what the daemon reads; each returns what the C library's formatted input
+// returns (the match count, or EOF for empty text).
+int parse_stat(const std::string& content, stat_fields* out);
+int parse_schedstat(const std::string& content, unsigned long long* count);  // the third number
+bool in_frozen_cgroup(const std::string& content);
+// Appends the entries of a processes value to list, and a new record to table for each name not
+// there yet.
+void parse_monitor_list(const std::string& value, std::vector<monitor_info>* list,
+                        std::unordered_map<std::string, proc>* table);
+
 void get_monitor_info();
 proc* proc_lookup(const char* name);
 

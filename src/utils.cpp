@@ -62,39 +62,61 @@ std::vector<std::string> string_split(const std::string& text, const char* delim
   return tokens;
 }
 
-// Runs a ps command line and splits its output at blanks. Line ends stay inside the tokens, so
-// indexes count from the start of the first line, and the count covers every line.
-static std::vector<std::string> run_ps(const std::string& command) {
+// Runs a ps command line and returns its output (the first kilobyte).
+static std::string run_ps(const std::string& command) {
   char output[kShellOutputSize];
   memset(output, 0, sizeof(output));
   exec_command(command.c_str(), output);
-  return string_split(output, " ");
+  return output;
 }
 
-bool is_sh_available() {
-  std::vector<std::string> tokens = run_ps("ps -e |grep stall_ward");
-  if (tokens.size() < 5) return false;
-  bool own = tokens[1] == std::to_string(getpid());
-  DLOGI("[sh] sw=%s ret=%d", tokens[1].c_str(), own ? 1 : 0);
-  return own;
+// The output is split at blanks alone: line ends stay inside the tokens, so indexes count from
+// the start of the first line, and the count covers every line.
+
+int ps_self_test(const std::string& output, const std::string& own_pid, std::string* printed) {
+  std::vector<std::string> tokens = string_split(output, " ");
+  if (tokens.size() < 5) return -1;
+  *printed = tokens[1];
+  return tokens[1] == own_pid ? 1 : 0;
 }
 
-void sh_find_proc(pid_info* info, const std::string& proc_name, const std::string& thread_name) {
-  std::vector<std::string> tokens = run_ps("ps -e|grep " + proc_name);
-  if (tokens.size() < 4) {
-    DLOGI("[sh] proc %s not started", proc_name.c_str());
-    return;
-  }
+bool parse_ps_process(const std::string& output, pid_info* info, std::string* pid_token) {
+  std::vector<std::string> tokens = string_split(output, " ");
+  if (tokens.size() < 4) return false;
   info->pid = atoi(tokens[1].c_str());
   info->tid = info->pid;
   info->ppid = atoi(tokens[2].c_str());
+  *pid_token = tokens[1];
+  return true;
+}
+
+bool parse_ps_thread(const std::string& output, std::string* tid_token) {
+  std::vector<std::string> tokens = string_split(output, " ");
+  if (tokens.size() < 5) return false;
+  *tid_token = tokens[2];
+  return true;
+}
+
+bool is_sh_available() {
+  std::string printed;
+  int verdict = ps_self_test(run_ps("ps -e |grep stall_ward"), std::to_string(getpid()), &printed);
+  if (verdict < 0) return false;
+  DLOGI("[sh] sw=%s ret=%d", printed.c_str(), verdict);
+  return verdict == 1;
+}
+
+void sh_find_proc(pid_info* info, const std::string& proc_name, const std::string& thread_name) {
+  std::string pid_token, tid_token;
+  if (!parse_ps_process(run_ps("ps -e|grep " + proc_name), info, &pid_token)) {
+    DLOGI("[sh] proc %s not started", proc_name.c_str());
+    return;
+  }
   if (thread_name.empty()) return;
-  tokens = run_ps("ps -T -p " + tokens[1] + " |grep " + thread_name);
-  if (tokens.size() < 5) {
+  if (!parse_ps_thread(run_ps("ps -T -p " + pid_token + " |grep " + thread_name), &tid_token)) {
     info->tid = -1;
     DLOGI("[sh] thread %s not found", thread_name.c_str());
     return;
   }
-  DLOGI("[sh] tid=%s", tokens[2].c_str());
-  info->tid = atoi(tokens[2].c_str());
+  DLOGI("[sh] tid=%s", tid_token.c_str());
+  info->tid = atoi(tid_token.c_str());
 }

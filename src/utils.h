@@ -37,6 +37,14 @@ int exec_command(const char* command, char* output);
 // The non-empty pieces of text between any of the characters in delimiters.
 std::vector<std::string> string_split(const std::string& text, const char* delimiters);
 
+// What the lookups take from ps output (blank-separated tokens of the whole text). The self-test:
+// -1 when there are fewer than 5 tokens, else whether token 1 (printed) is own_pid. A process
+// line: with 4 tokens or more, pid and tid from token 1 (pid_token), ppid from token 2. A thread
+// line: with 5 tokens or more, the thread id token 2.
+int ps_self_test(const std::string& output, const std::string& own_pid, std::string* printed);
+bool parse_ps_process(const std::string& output, pid_info* info, std::string* pid_token);
+bool parse_ps_thread(const std::string& output, std::string* tid_token);
+
 // Whether `ps` lists this daemon under its own process id, so the shell lookup can be used.
 bool is_sh_available();
 // Fills info with the process called proc_name (pid, tid = pid, ppid) and, for a non-empty
