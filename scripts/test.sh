@@ -3,8 +3,8 @@
 # device checks (Android.bp, SELinux policy, arm64 unit tests under qemu-user).
 #   scripts/test.sh              the host suites and the device checks
 #   scripts/test.sh --host-only  the host suites alone
-#   scripts/test.sh --full       everything: also every suite again built with ASan and UBSan,
-#                                and every fuzzer for 60 s
+#   scripts/test.sh --full       everything: also the soak (1,000 sweeps under churn), every
+#                                suite again built with ASan and UBSan, every fuzzer for 60 s
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 mode=${1:-}
@@ -12,6 +12,9 @@ ctest --test-dir build --output-on-failure -j"$(nproc)"
 [ "$mode" = --host-only ] && exit 0
 scripts/check-device.sh
 [ "$mode" = --full ] || exit 0
+
+echo "== the soak: 1,000 sweeps of the real daemon under churn"
+STALL_WARD_SOAK=1 build/tests/scenario_tests --gtest_filter='Soak.*'
 
 echo "== every suite again, with AddressSanitizer, UndefinedBehaviorSanitizer and LeakSanitizer"
 cmake -S . -B build-asan -DBUILD_TESTING=ON -DSTALL_WARD_SANITIZE=ON >/dev/null

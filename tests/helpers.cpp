@@ -132,14 +132,22 @@ Child spawn(const std::string& program, const std::vector<std::string>& argv,
   if (pipe2(fds, O_CLOEXEC) != 0) abort();
   std::vector<char*> args, envp;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  // The environment, less a reboot permission, which is only ever given explicitly; env wins.
+  // The environment, less a reboot permission, which is only ever given explicitly; of env, the
+  // last entry for a key wins over earlier ones and over the environment.
+  auto key_of = [](const std::string& e) { return e.substr(0, e.find('=') + 1); };
+  auto set_later = [&](size_t from, const std::string& key) {
+    for (size_t i = from; i < env.size(); ++i) {
+      if (key_of(env[i]) == key) return true;
+    }
+    return false;
+  };
   for (char** e = environ; *e != nullptr; ++e) {
-    std::string key = std::string(*e).substr(0, std::string(*e).find('=') + 1);
-    bool replaced =
-        std::any_of(env.begin(), env.end(), [&](auto& v) { return v.rfind(key, 0) == 0; });
-    if (!replaced && key != "STALL_WARD_ALLOW_REBOOT=") envp.push_back(*e);
+    std::string key = key_of(*e);
+    if (!set_later(0, key) && key != "STALL_WARD_ALLOW_REBOOT=") envp.push_back(*e);
   }
-  for (const std::string& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+  for (size_t i = 0; i < env.size(); ++i) {
+    if (!set_later(i + 1, key_of(env[i]))) envp.push_back(const_cast<char*>(env[i].c_str()));
+  }
   args.push_back(nullptr);
   envp.push_back(nullptr);
   posix_spawn_file_actions_t actions;

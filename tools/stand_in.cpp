@@ -5,9 +5,11 @@
 //
 //   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
 //                        child that never exits (uninterruptible), P runs now and then (progress),
-//                        W works for three seconds and then wedges as in D
+//                        W works for three seconds and then wedges as in D, N keeps renaming
+//                        itself between NAME and "renamed"
 //   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
 //   --main-name NAME     the main thread's name (default: the base name of argv[0])
+//   --life MS            end the whole process after MS milliseconds
 //   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
 //                        taken on a thread of their own, as an app runtime's signal catcher does
 //   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
@@ -99,6 +101,11 @@ void* run_thread(void* arg) {
         for (;;) pause();
       }
       break;
+    case 'N':
+      for (bool own = false;; own = !own) {
+        set_name(own ? plan->name : "renamed");
+        sleep_ms(3);
+      }
     case 'P':
       for (;;) {
         sleep_ms(50);
@@ -151,9 +158,11 @@ void* catch_signals(void*) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<ThreadPlan> threads;
+  // Static: a main thread that exits unwinds main's locals while the other threads go on.
+  static std::vector<ThreadPlan> threads;
   threads.reserve(static_cast<size_t>(argc));
   char main_state = 'S';
+  int life_ms = 0;
   std::string base = argv[0];
   std::string main_name = base.substr(base.rfind('/') + 1);
   set_name(main_name);
@@ -174,6 +183,8 @@ int main(int argc, char** argv) {
       main_state = value[0];
     } else if (arg == "--main-name") {
       main_name = value;
+    } else if (arg == "--life") {
+      life_ms = atoi(argv[i]);
     } else if (arg == "--signals") {
       signal_file = argv[i];
     } else {
@@ -199,7 +210,7 @@ int main(int argc, char** argv) {
   }
   // Wait until each thread is in its state, so that the test samples what it asked for.
   for (ThreadPlan& plan : threads) {
-    char want = plan.state == 'P' || plan.state == 'W' ? '\0' : plan.state;
+    char want = plan.state == 'P' || plan.state == 'W' || plan.state == 'N' ? '\0' : plan.state;
     for (int tries = 0;; ++tries) {
       pid_t tid = __atomic_load_n(&plan.tid, __ATOMIC_SEQ_CST);
       bool ready = __atomic_load_n(&plan.ready, __ATOMIC_SEQ_CST) != 0;
@@ -212,6 +223,14 @@ int main(int argc, char** argv) {
   for (const ThreadPlan& plan : threads) line += " " + std::to_string(plan.tid);
   line += "\n";
   if (write(STDOUT_FILENO, line.data(), line.size()) < 0) die("write");
+  if (life_ms > 0) {
+    pthread_t ender;
+    auto end = [](void* ms) -> void* {
+      sleep_ms(static_cast<long>(reinterpret_cast<intptr_t>(ms)));
+      _exit(0);
+    };
+    pthread_create(&ender, nullptr, end, reinterpret_cast<void*>(static_cast<intptr_t>(life_ms)));
+  }
   if (main_state == 'Z') pthread_exit(nullptr);
   for (;;) pause();
 }
