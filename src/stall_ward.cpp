@@ -447,6 +447,14 @@ static void walk_tasks(pid_info* info, const monitor_info& matched,
   // task_dir closes its descriptor here.
 }
 
+// The first monitor entry for a process name; later entries of the same name are not used.
+static const monitor_info* first_entry_named(const std::string& name) {
+  for (const monitor_info& entry : monitor_list) {
+    if (entry.name == name) return &entry;
+  }
+  return nullptr;
+}
+
 static void walk_proc(pid_info* info) {
   DLOGI("go through proc");
   if (proc_dir.fd < 0) {
@@ -457,31 +465,21 @@ static void walk_proc(pid_info* info) {
     }
   }
   std::string proc_path;
-  for (const linux_dirent64* entry = proc_dir.next_entry(); entry != nullptr;) {
-    const monitor_info* matched = nullptr;
-    if (get_valid_tid_dir(entry, &proc_path)) {
-      std::string name = get_proc_name(entry->d_name);
-      if (!name.empty()) {
-        name = command_base_name(name);
-        for (const monitor_info& candidate : monitor_list) {
-          if (candidate.name == name) {
-            matched = &candidate;
-            break;
-          }
-        }
-      }
+  for (const linux_dirent64* entry = proc_dir.next_entry(); entry != nullptr;
+       entry = proc_dir.next_entry()) {
+    if (!get_valid_tid_dir(entry, &proc_path)) continue;
+    std::string name = get_proc_name(entry->d_name);  // empty for kernel threads and the gone
+    if (name.empty()) continue;
+    const monitor_info* matched = first_entry_named(command_base_name(name));
+    if (matched == nullptr) continue;
+    DLOGI("find monitored proc %s:%s", entry->d_name, matched->name.c_str());
+    info->pid = atoi(entry->d_name);
+    if (!matched->has_threads) {
+      info->tid = info->pid;
+      get_stat(info, proc_path + "/task/" + entry->d_name);
+    } else {
+      walk_tasks(info, *matched, entry, proc_path);
     }
-    if (matched != nullptr) {
-      DLOGI("find monitored proc %s:%s", entry->d_name, matched->name.c_str());
-      info->pid = atoi(entry->d_name);
-      if (!matched->has_threads) {
-        info->tid = info->pid;
-        get_stat(info, proc_path + "/task/" + entry->d_name);
-      } else {
-        walk_tasks(info, *matched, entry, proc_path);
-      }
-    }
-    entry = proc_dir.next_entry();
   }
   proc_dir.close_dir();
   DLOGI("close proc");
