@@ -2,10 +2,10 @@
 # Compiles the daemon's vendor policy (sepolicy/) together with Android 11's platform policy the way
 # a device build does, so that any neverallow it breaks fails here, then checks with sesearch that
 # the domain has each permission the daemon needs and nothing broader.
-#   scripts/check-sepolicy.sh [platform policy dir]   (default: ../shared/android/sepolicy-api30)
+#   scripts/check-sepolicy.sh [platform policy dir]   (default: third_party/android-sepolicy-api30)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-platform=${1:-../shared/android/sepolicy-api30}
+platform=${1:-third_party/android-sepolicy-api30}
 out=build/sepolicy
 mkdir -p "$out"
 

@@ -13,10 +13,10 @@ install_missing() {
   [ ${#missing[@]} -eq 0 ] && return 0
   echo "installing: ${missing[*]}"
   as_root apt-get update -q
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "${missing[@]}"
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
 }
 
 install_missing cmake g++ make libgtest-dev android-liblog-dev android-libbase-dev \
-  android-libcutils-dev faketime procps util-linux
+  android-libcutils-dev faketime procps util-linux toybox
 cmake -S . -B build -DBUILD_TESTING=ON >/dev/null
 cmake --build build -j"$(nproc)"

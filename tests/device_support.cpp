@@ -1,39 +1,26 @@
-// The tests' view of the platform on a device: properties are the real ones, and the daemon's log
-// lines are copied to stderr in logcat's threadtime shape, where LogCapture reads them.
-#include <android-base/properties.h>
+// The tests' view of the platform on a device. The test binary must never change the device: it
+// is built without libcutils, so it has no way to reboot, and reads properties from a file of its
+// own through the host's property store (host/properties.cpp) instead of the device's real ones.
+// The daemon's log lines are copied to stderr in logcat's threadtime shape, where LogCapture
+// reads them.
 #include <android/log.h>
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <sstream>
+#include <filesystem>
 
 #include "helpers.h"
 
-void use_properties(const std::string& content) {
-  static const char* const kKeys[] = {"persist.vendor.sw.enable",
-                                      "persist.vendor.sw.debug",
-                                      "persist.vendor.sw.timeout",
-                                      "persist.vendor.sw.policy",
-                                      "persist.vendor.sw.processes",
-                                      "k",
-                                      "n",
-                                      "s",
-                                      "b",
-                                      "other"};
-  for (const char* key : kKeys) {
-    std::string value, prefix = std::string(key) + "=";
-    std::istringstream in(content);
-    for (std::string line; std::getline(in, line);) {
-      if (line.rfind(prefix, 0) == 0) value = line.substr(prefix.size());
-    }
-    android::base::SetProperty(key, value);  // empty reads as unset
-  }
+std::string temp_root() {  // the directory the test binary was installed in: no /tmp here
+  std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  return self.substr(0, self.rfind('/'));
 }
 
-bool host_property_store() {
-  return false;
+int android_reboot(unsigned /*cmd*/, int /*flags*/, const char* /*arg*/) {
+  __android_log_print(ANDROID_LOG_ERROR, "stall_ward", "android_reboot refused: a test never reboots");
+  return -1;
 }
 
 namespace {

@@ -1,6 +1,7 @@
 #include "helpers.h"
 
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -8,7 +9,6 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,9 +19,8 @@ void sleep_ms(int ms) {
   usleep(static_cast<useconds_t>(ms) * 1000);
 }
 
-TempDir::TempDir() {
-  char pattern[] = "/tmp/stall_ward_test.XXXXXX";
-  dir = mkdtemp(pattern) != nullptr ? pattern : "/nonexistent";
+TempDir::TempDir() : dir(temp_root() + "/stall_ward_test.XXXXXX") {
+  if (mkdtemp(dir.data()) == nullptr) abort();
 }
 
 TempDir::~TempDir() {
@@ -29,20 +28,13 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(dir, ignored);
 }
 
-void write_file(const std::string& path, const std::string& content) {
-  if (!android::base::WriteStringToFile(content, path, 0644, getuid(), getgid())) abort();
+void write_file(const std::string& path, const std::string& content, int mode) {
+  if (!android::base::WriteStringToFile(content, path, mode, getuid(), getgid())) abort();
 }
 
 std::string read_file(const std::string& path) {
   std::string content;
   return android::base::ReadFileToString(path, &content) ? content : "";
-}
-
-std::string replace_all(std::string text, const std::string& from, const std::string& to) {
-  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
 }
 
 std::string unique(const std::string& base) {
@@ -53,50 +45,49 @@ std::string task_path(pid_t pid, pid_t tid) {
   return "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid);
 }
 
-std::vector<std::string> log_messages(const std::string& log) {
-  // "MM-DD HH:MM:SS.mmm  PID  TID P stall_ward: message"
-  std::vector<std::string> out;
-  std::istringstream in(log);
+Lines log_messages(const std::string& log) {
+  Lines out;  // of "MM-DD HH:MM:SS.mmm  PID  TID P stall_ward: message"
   const std::string tag = " stall_ward: ";
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string& line : android::base::Split(log, "\n")) {
     size_t at = line.find(tag);
-    if (at != std::string::npos && at >= 2) {
-      out.push_back(line.substr(at - 1, 1) + " " + line.substr(at + tag.size()));
-    }
+    if (at != std::string::npos && at >= 2) out.push_back(line[at - 1] + (" " + line.substr(at + tag.size())));
   }
   return out;
 }
 
-int count(const std::vector<std::string>& lines, const std::string& line) {
+int count(const Lines& lines, const std::string& line) {
   return static_cast<int>(std::count(lines.begin(), lines.end(), line));
 }
 
-int count_prefix(const std::vector<std::string>& lines, const std::string& prefix) {
+int count_prefix(const Lines& lines, const std::string& prefix) {
   return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const std::string& l) {
-    return l.compare(0, prefix.size(), prefix) == 0;
+    return android::base::StartsWith(l, prefix);
   }));
 }
 
-LogCapture::LogCapture() {
-  char pattern[] = "/tmp/stall_ward_log.XXXXXX";
-  int fd = mkstemp(pattern);
-  path_ = pattern;
+void use_properties(const std::string& content) {
+  static TempDir dir;  // a new name each time: the store reads a file once per name
+  static int serial = 0;
+  std::string path = dir.path("props." + std::to_string(++serial));
+  write_file(path, content);
+  setenv("STALL_WARD_PROPERTIES", path.c_str(), 1);
+}
+
+LogCapture::LogCapture() : path_(temp_root() + "/stall_ward_log.XXXXXX") {
+  int fd = mkstemp(path_.data());
   saved_ = dup(STDERR_FILENO);
   dup2(fd, STDERR_FILENO);
   close(fd);
 }
 
-void LogCapture::stop() {
-  if (saved_ < 0) return;
-  dup2(saved_, STDERR_FILENO);
-  close(saved_);
-  saved_ = -1;
-  messages_ = log_messages(read_file(path_));
-  unlink(path_.c_str());
-}
-
-const std::vector<std::string>& LogCapture::messages() {
-  stop();
+const Lines& LogCapture::messages() {
+  if (saved_ >= 0) {
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+    saved_ = -1;
+    messages_ = log_messages(read_file(path_));
+    unlink(path_.c_str());
+  }
   return messages_;
 }
 
@@ -108,11 +99,11 @@ Child::~Child() {
   if (out_ >= 0) close(out_);
 }
 
-std::string Child::read_line(int timeout_ms) {
+std::string Child::read_line() {
   std::string line;
   char c;
   pollfd pfd = {out_, POLLIN, 0};
-  while (poll(&pfd, 1, timeout_ms) == 1 && read(out_, &c, 1) == 1 && c != '\n') line += c;
+  while (poll(&pfd, 1, 5000) == 1 && read(out_, &c, 1) == 1 && c != '\n') line += c;
   return line;
 }
 
@@ -126,27 +117,23 @@ int Child::wait(int timeout_ms) {
   return status;
 }
 
-Child spawn(const std::string& program, const std::vector<std::string>& argv,
-            const std::vector<std::string>& env, const std::string& err_path) {
+Child spawn(const std::string& program, const Lines& argv, const Lines& env,
+            const std::string& err_path) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) abort();
   std::vector<char*> args, envp;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  // The environment, less a reboot permission, which is only ever given explicitly; of env, the
-  // last entry for a key wins over earlier ones and over the environment.
-  auto key_of = [](const std::string& e) { return e.substr(0, e.find('=') + 1); };
-  auto set_later = [&](size_t from, const std::string& key) {
-    for (size_t i = from; i < env.size(); ++i) {
-      if (key_of(env[i]) == key) return true;
-    }
-    return false;
-  };
+  // The environment less a reboot permission, which is only ever given explicitly; then env.
+  Lines all;
   for (char** e = environ; *e != nullptr; ++e) {
-    std::string key = key_of(*e);
-    if (!set_later(0, key) && key != "STALL_WARD_ALLOW_REBOOT=") envp.push_back(*e);
+    if (!android::base::StartsWith(*e, "STALL_WARD_ALLOW_REBOOT=")) all.push_back(*e);
   }
-  for (size_t i = 0; i < env.size(); ++i) {
-    if (!set_later(i + 1, key_of(env[i]))) envp.push_back(const_cast<char*>(env[i].c_str()));
+  all.insert(all.end(), env.begin(), env.end());
+  for (size_t i = 0; i < all.size(); ++i) {
+    std::string key = all[i].substr(0, all[i].find('=') + 1);
+    bool later = std::any_of(all.begin() + i + 1, all.end(),
+                             [&](const std::string& e) { return e.rfind(key, 0) == 0; });
+    if (!later) envp.push_back(const_cast<char*>(all[i].c_str()));
   }
   args.push_back(nullptr);
   envp.push_back(nullptr);
@@ -171,24 +158,11 @@ Child spawn(const std::string& program, const std::vector<std::string>& argv,
   return Child(pid, fds[0]);
 }
 
-pid_t StandIn::tid(const std::string& name) const {
-  for (const auto& [thread, id] : tids) {
-    if (thread == name) return id;
-  }
-  return -1;
-}
-
-StandIn start_stand_in(const std::vector<std::string>& argv) {
-  // It prints "<pid> <tid> ..." once its threads are in place, in the order of --thread.
+StandIn start_stand_in(const Lines& argv) {
   StandIn s{spawn(stand_in_path(), argv), -1, {}};
-  std::istringstream line(s.child.read_line());
+  std::istringstream line(s.child.read_line());  // "<pid> <tid> ..." once in place
   line >> s.pid;
-  for (size_t i = 0; i + 1 < argv.size(); ++i) {
-    pid_t tid = -1;
-    if (argv[i] == "--thread" && line >> tid) {
-      s.tids.emplace_back(argv[i + 1].substr(0, argv[i + 1].rfind(':')), tid);
-    }
-  }
+  for (pid_t tid; line >> tid;) s.tids.push_back(tid);
   return s;
 }
 
@@ -202,27 +176,14 @@ bool wait_for_state(pid_t pid, pid_t tid, char state) {
       5000);
 }
 
-// Where the build does not fix a program's path (a device), it lies beside the test binary.
-static std::string beside_test(const char* fixed, const std::string& name) {
-  if (fixed[0] != '\0') return fixed;
-  std::string self = std::filesystem::read_symlink("/proc/self/exe");
-  return self.substr(0, self.rfind('/') + 1) + name;
+std::string stand_in_path() {
+  if (STAND_IN_PATH[0] != '\0') return STAND_IN_PATH;
+  std::string self = std::filesystem::read_symlink("/proc/self/exe");  // a device: beside us
+  return self.substr(0, self.rfind('/') + 1) + "stall_ward_stand_in";
 }
 
-std::string stand_in_path() {
-  return beside_test(STAND_IN_PATH, "stall_ward_stand_in");
-}
-std::string daemon_path() {
-  return STALL_WARD_PATH;
-}
-std::string android_ps_dir() {
-  return ANDROID_PS_DIR;
-}
-std::string faketime_lib() {
-  return FAKETIME_LIB;
-}
-bool under_emulation() {
-  return UNDER_EMULATION;
+std::string android_ps_path() {
+  return std::string("PATH=") + ANDROID_PS_DIR + ":" + getenv("PATH");
 }
 
 SysrqFifo::SysrqFifo(const std::string& path) {
@@ -234,32 +195,17 @@ SysrqFifo::~SysrqFifo() {
   close(fd_);
 }
 
-std::vector<std::string> SysrqFifo::commands(size_t at_least, int timeout_ms) {
-  std::vector<std::string> out;
+Lines SysrqFifo::commands(size_t at_least, int timeout_ms) {
+  Lines out;
   eventually(
       [&] {
         char buf[256];
         for (ssize_t n; (n = read(fd_, buf, sizeof(buf))) > 0;) stream_.append(buf, n);
-        out.clear();
-        std::istringstream in(stream_);
-        for (std::string command; std::getline(in, command, '\0');) out.push_back(command);
+        out = android::base::Split(stream_, std::string(1, '\0'));
+        out.pop_back();  // what follows the last NUL
         return out.size() >= at_least;
       },
       timeout_ms);
   return out;
 }
 
-DaemonRun::DaemonRun(const std::string& properties, const std::vector<std::string>& env,
-                     bool accelerate)
-    : trigger(dir.path("trigger")) {
-  write_file(dir.path("props"), properties);
-  std::vector<std::string> all = {"STALL_WARD_PROPERTIES=" + dir.path("props"),
-                                  "STALL_WARD_SYSRQ_TRIGGER=" + dir.path("trigger")};
-  if (accelerate) all.insert(all.end(), {"LD_PRELOAD=" + faketime_lib(), "FAKETIME=+0 x20"});
-  all.insert(all.end(), env.begin(), env.end());
-  daemon = spawn(daemon_path(), {daemon_path()}, all, dir.path("log"));
-}
-
-bool DaemonRun::wait_for(const std::string& line, int timeout_ms, int times) const {
-  return eventually([&] { return count(line) >= times; }, timeout_ms);
-}

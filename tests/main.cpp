@@ -1,5 +1,5 @@
-// The tests run as root on a real machine: SysRq commands go to a file of the test's own, and no
-// reboot is ever allowed from this process.
+// The unit tests run as root on a real machine or device: SysRq commands go to a file of the
+// test's own, and no reboot is ever allowed from this process.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -21,7 +21,6 @@ int main(int argc, char** argv) {
   unsetenv("STALL_WARD_ALLOW_REBOOT");
   static TempDir dir;
   static const std::string trigger = dir.path("sysrq-trigger");
-  setenv("STALL_WARD_SYSRQ_TRIGGER", trigger.c_str(), 1);
   sysrq_trigger = trigger.c_str();
   return RUN_ALL_TESTS();
 }

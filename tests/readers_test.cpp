@@ -7,221 +7,147 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-const char kUnset[] = "ppid=4294967295, utime=4294967295, stime=4294967295";
-
-TEST(StatParse, AcceptsOnlyAFullMatch) {
+TEST(Parsers, StatSchedstatAndCgroup) {
   const std::string tail = " 0 1 1 0 -1 4194624 100 0 0 0 5 6 0 0 20 0 1 0 7\n";
-  const std::tuple<std::string, std::string, bool> cases[] = {
-      {"12 (a)b) S 1\n", std::string("match=3, tid=12, comm=a, state=b, ") + kUnset, false},
-      {"12 () S" + tail, std::string("match=1, tid=12, comm=, state=?, ") + kUnset, false},
-      {"12 (Jit thread pool) S" + tail,
-       "match=6, tid=12, comm=Jit thread pool, state=S, ppid=0, "
-       "utime=5, stime=6",
-       true},
-      {"12 (abcdefghijklmnop) D" + tail,
-       "match=6, tid=12, comm=abcdefghijklmnop, state=D, "
-       "ppid=0, utime=5, stime=6",
-       true},
-      {"12 (abcdefghijklmnopq) D" + tail,
-       std::string("match=2, tid=12, comm=abcdefghijklmnop, state=?, ") + kUnset, false},
-      {"12(a)D 0 1 1 0 -1 -4194624 100 0 0 99999999999999999999 5 6",
-       "match=6, tid=12, comm=a, state=D, ppid=0, utime=5, stime=6", true},
-      {"x (a) D 0", std::string("match=0, tid=4294967295, comm=, state=?, ") + kUnset, false},
+  const std::pair<std::string, std::string> stats[] = {
+      // content; "match tid comm|state ppid utime stime"
+      {"12 (a)b) S 1\n", "3 12 a|b 4294967295 4294967295 4294967295"},
+      {"12 (Jit thread pool) S" + tail, "6 12 Jit thread pool|S 0 5 6"},
+      {"12 (abcdefghijklmnop) D" + tail, "6 12 abcdefghijklmnop|D 0 5 6"},
+      {"12 (abcdefghijklmnopq) D" + tail, "2 12 abcdefghijklmnop|? 4294967295 4294967295 4294967295"},
+      {"x (a) D 0", "0 4294967295 |? 4294967295 4294967295 4294967295"},
   };
-  TempDir dir;
-  for (const auto& [stat, match_line, binds] : cases) {
-    reset_daemon(true);
-    use_properties("persist.vendor.sw.processes=p:a:abcdefghijklmnop\n");
-    get_monitor_info();
-    mTids.emplace("Jit thread pool", proc{});  // a name with blanks cannot be configured
-    write_file(dir.path("stat"), stat);
-    LogCapture log;
-    get_stat(nullptr, dir.dir);
-    ASSERT_FALSE(log.messages().empty());
-    EXPECT_EQ(log.messages()[0], "I " + match_line);
-    EXPECT_EQ(log.count("I stat err match"), binds ? 0 : 1) << stat;
-    int bound = 0;
-    for (const auto& entry : mTids) bound += entry.second.valid;
-    EXPECT_EQ(bound, binds ? 1 : 0) << stat;
+  for (const auto& [content, want] : stats) {
+    stat_fields f;
+    int n = parse_stat(content, &f);
+    EXPECT_EQ(std::to_string(n) + " " + std::to_string(f.tid) + " " + f.comm + "|" + f.state + " " +
+                  std::to_string(f.ppid) + " " + std::to_string(f.utime) + " " +
+                  std::to_string(f.stime),
+              want);
   }
+  const std::tuple<std::string, int, unsigned long long> schedstats[] = {
+      {"1 2 3\n", 1, 3}, {"99999999999999999999999 -1 8\n", 1, 8}, {"garbage", 0, 0}, {"", -1, 0}};
+  for (const auto& [content, n, third] : schedstats) {
+    unsigned long long count = 0;
+    EXPECT_EQ(parse_schedstat(content, &count), n) << content;
+    EXPECT_EQ(count, third) << content;
+  }
+  EXPECT_TRUE(in_frozen_cgroup("7:freezer:/frozen\n3:cpu:/\n"));
+  EXPECT_FALSE(in_frozen_cgroup("7:freezer:/\n"));
+  EXPECT_FALSE(in_frozen_cgroup("0::/frozen\n"));
 }
 
-// A crafted task directory sampled into the record "w", with debug on.
-class CraftedTask : public testing::Test {
- protected:
-  void SetUp() override {
-    reset_daemon(true, 30000);
-    use_properties("persist.vendor.sw.processes=p:w:abcdefghijklmno\n");
-    get_monitor_info();
-  }
-  void sample(char state, unsigned utime, unsigned stime, const std::string& schedstat,
-              const std::string& cgroup = "") {
-    write_file(dir.path("stat"), "7 (w) " + std::string(1, state) +
-                                     " 0 1 1 0 -1 4194624 100 0 0 0 " + std::to_string(utime) +
-                                     " " + std::to_string(stime) + " 0 0\n");
-    write_file(dir.path("schedstat"), schedstat);
-    write_file(dir.path("cgroup"), cgroup);
-    get_stat(nullptr, dir.dir);
-  }
-  proc& rec() { return mTids.at("w"); }
-  TempDir dir;
-};
-
-TEST_F(CraftedTask, StallTimeGrowsOnlyWithoutProgressInAWatchedState) {
+// Samples of a crafted task directory for the record "w", with an interval of 50 s.
+TEST(StallCount, GrowsByTheIntervalOnlyWithoutProgressInAWatchedState) {
   struct Step {
+    unsigned tid, ppid;
     char state;
     unsigned utime, stime;
     const char* schedstat;
     int64_t stuck_after;
     bool reported_after;  // set before each sample; progress clears it
+    unsigned ppid_after;
   };
-  // clang-format off
   const Step steps[] = {
-      {'D', 10, 10, "1 2 3\n", 0, false},      // bound
-      {'D', 10, 10, "1 2 3\n", 30000, true},   // nothing moved
-      {'D', 10, 10, "1 2 3\n", 60000, true},
-      {'D', 10, 10, "1 2 4\n", 0, false},      // ran on a processor
-      {'D', 10, 11, "1 2 4\n", 0, false},      // processor time
-      {'Z', 10, 11, "1 2 4\n", 0, false},      // another state
-      {'Z', 10, 11, "1 2 0\n", 30000, true},   // a zero count is no progress
-      {'Z', 10, 11, "", 60000, true},          // nor an unreadable one
-      {'Z', 10, 11, "1 2 18446744073709551615\n", 90000, true},
-      {'Z', 4294967295u, 22, "1 2 4\n", 120000, true},  // the same sum modulo 2^32
-      {'S', 4294967295u, 22, "1 2 4\n", 0, false},      // S is not watched outside apps
-      {'S', 4294967295u, 22, "1 2 4\n", 0, true},
-      {'R', 4294967295u, 22, "1 2 5\n", 0, false},
+      {7, 1, 'D', 10, 10, "1 2 3\n", 0, false, 1},    // bound
+      {7, 1, 'D', 10, 10, "1 2 3\n", 50000, true, 1},  // nothing moved
+      {7, 2, 'D', 10, 10, "1 2 3\n", 100000, true, 1},  // the parent is the one of the bind
+      {7, 1, 'D', 10, 10, "1 2 4\n", 0, false, 1},     // ran on a processor
+      {7, 1, 'D', 10, 11, "1 2 4\n", 0, false, 1},     // processor time
+      {7, 1, 'Z', 10, 11, "1 2 4\n", 0, false, 1},     // another state
+      {7, 1, 'Z', 10, 11, "1 2 0\n", 50000, true, 1},  // a zero count is no progress
+      {7, 1, 'Z', 10, 11, "", 100000, true, 1},        // nor an unreadable one
+      {7, 1, 'Z', 4294967295u, 22, "1 2 4\n", 150000, true, 1},  // the same sum modulo 2^32
+      {7, 1, 'S', 4294967295u, 22, "1 2 4\n", 0, false, 1},  // S is not watched outside apps
+      {7, 1, 'S', 4294967295u, 22, "1 2 4\n", 0, true, 1},
+      {8, 3, 'S', 4294967295u, 22, "1 2 4\n", 0, false, 3},  // another thread: a new bind
   };
-  // clang-format on
+  reset_daemon(true, 50000);
+  parse_monitor_list("p:w", &monitor_list, &mTids);
+  proc& rec = mTids.at("w");
+  TempDir dir;
   for (const Step& s : steps) {
-    rec().reported = true;
-    sample(s.state, s.utime, s.stime, s.schedstat);
-    EXPECT_EQ(rec().stuck_ms, s.stuck_after) << "step " << (&s - steps);
-    EXPECT_EQ(rec().reported, s.reported_after) << "step " << (&s - steps);
-    EXPECT_EQ(rec().state, s.state);
-  }
-  EXPECT_EQ(rec().switches, 4u);  // the last step's state is not watched: schedstat is not read
-  EXPECT_EQ(rec().tid, 7u);
-  EXPECT_TRUE(rec().updated && rec().valid);
-}
-
-TEST_F(CraftedTask, SchedstatAndCgroupFiles) {
-  const std::tuple<const char*, uint64_t, const char*> counts[] = {
-      {"1 2 3\n", 3, "I switches:3"},
-      {"99999999999999999999999 -1 8\n", 8, "I switches:8"},
-      {"garbage\n", 8, "I switches:8"},
-      {"", 8, "I read schedstat failed "},
-  };
-  for (const auto& [content, switches, line] : counts) {
-    write_file(dir.path("schedstat"), content);
+    rec.reported = true;
+    write_file(dir.path("stat"), std::to_string(s.tid) + " (w) " + s.state + " " +
+                                     std::to_string(s.ppid) + " 1 1 0 -1 4194624 100 0 0 0 " +
+                                     std::to_string(s.utime) + " " + std::to_string(s.stime) +
+                                     " 0 0\n");
+    write_file(dir.path("schedstat"), s.schedstat);
+    write_file(dir.path("cgroup"), "");
     LogCapture log;
-    get_schedstat(&rec(), dir.dir);
-    EXPECT_EQ(rec().switches, switches) << content;
-    EXPECT_EQ(log.messages().back(), line + std::string(*content ? "" : dir.dir));
-  }
-  const std::pair<const char*, bool> cgroups[] = {{"7:freezer:/frozen\n", true},
-                                                  {"7:freezer:/\n", false},
-                                                  {"7:freezer:/frozen_x\n3:cpu:/\n", true},
-                                                  {"0::/frozen\n", false}};
-  for (const auto& [cgroup, frozen] : cgroups) {
-    sample('D', 1, 1, "1 2 3\n", cgroup);
-    EXPECT_EQ(rec().frozen, frozen) << cgroup;
+    get_stat(nullptr, dir.dir);
+    int step = &s - steps;
+    EXPECT_EQ(rec.stuck_ms, s.stuck_after) << "step " << step;
+    EXPECT_EQ(rec.reported, s.reported_after) << "step " << step;
+    EXPECT_EQ(rec.ppid, s.ppid_after) << "step " << step;
+    EXPECT_EQ(rec.tid, s.tid);
+    EXPECT_EQ(log.count("I Not monitor state=S"), s.state == 'S') << "step " << step;
   }
 }
 
-TEST_F(CraftedTask, ReadStatWithProcNeedsAPidInfo) {
-  pid_info unknown = {-1, -1, -1};
-  LogCapture log;
-  read_stat_with_proc(nullptr);
-  read_stat_with_proc(&unknown);
-  EXPECT_EQ(log.messages(), (Lines{"I read_stat_with_proc nullptr", "I reading /proc/-1/task/-1",
-                                   "I Read /proc/-1/task/-1/stat failed", "I read stat failed"}));
-  EXPECT_FALSE(rec().valid);
+// Real threads: three samples of a thread the stand-in keeps in a state, under a name of 15
+// bytes, the longest the kernel keeps.
+TEST(LiveThread, StallTimeFollowsTheKernelsView) {
+  const std::tuple<char, char, int64_t> cases[] = {
+      // the thread's state, the main thread's state (Z: sample the main thread), stall after 3
+      {'D', 'S', 60000}, {'S', 'S', 0}, {'R', 'S', 0}, {'S', 'Z', 60000}};
+  std::string name = (unique("p") + "aaaaaaaaaaaaaaa").substr(0, 15);
+  std::string thread = (unique("t") + "aaaaaaaaaaaaaaa").substr(0, 15);
+  for (const auto& [state, main_state, stuck] : cases) {
+    bool main = main_state == 'Z';
+    reset_daemon(true, 30000);
+    parse_monitor_list(name + ":" + thread + " " + name, &monitor_list, &mTids);
+    StandIn s = start_stand_in({"/system/bin/" + name, "--thread", thread + ":" + state, "--main",
+                                std::string(1, main_state)});
+    pid_t tid = main ? s.pid : s.tids.at(0);
+    ASSERT_TRUE(wait_for_state(s.pid, tid, main ? 'Z' : state));
+    proc& rec = mTids.at(main ? name : thread);
+    pid_info info = {tid, s.pid, -1};
+    LogCapture log;
+    for (int i = 0; i < 3; ++i) get_stat(&info, task_path(s.pid, tid));
+    EXPECT_EQ(rec.stuck_ms, stuck) << state << main_state;
+    EXPECT_EQ(rec.pid, static_cast<uint32_t>(s.pid));
+    EXPECT_FALSE(rec.is_app);
+    std::string cmd = main ? "" : "/system/bin/" + name;  // a zombie leader's reads empty
+    EXPECT_EQ(log.count("I change tid=" + std::to_string(tid) + " comm=" + (main ? name : thread) +
+                        " cmd=" + cmd),
+              1);
+  }
 }
 
-// Real threads: three samples of one thread the stand-in keeps in a state.
-struct LiveCase {
-  char state, main_state;
-  bool watch_main;  // sample the main thread instead of the named one
-  int64_t stuck_after3;
-};
-
-class LiveThread : public testing::TestWithParam<LiveCase> {};
-
-TEST_P(LiveThread, StallTimeFollowsTheKernelsView) {
-  const LiveCase& c = GetParam();
-  std::string name = unique("p"), thread = unique("t");
-  reset_daemon(true, 30000);
-  use_properties("persist.vendor.sw.processes=" + name + ":" + thread + " " + name + "\n");
-  get_monitor_info();
-  StandIn s = start_stand_in({"/system/bin/" + name, "--thread", thread + ":" + c.state, "--main",
-                              std::string(1, c.main_state)});
-  pid_t tid = c.watch_main ? s.pid : s.tid(thread);
-  ASSERT_TRUE(wait_for_state(s.pid, tid, c.watch_main ? c.main_state : c.state));
-  proc& rec = mTids.at(c.watch_main ? name : thread);
-  pid_info info = {tid, s.pid, -1};
-  LogCapture log;
-  for (int i = 0; i < 3; ++i) get_stat(&info, task_path(s.pid, tid));
-  EXPECT_EQ(rec.state, c.watch_main ? c.main_state : c.state);
-  EXPECT_EQ(rec.tid, static_cast<uint32_t>(tid));
-  EXPECT_EQ(rec.pid, static_cast<uint32_t>(s.pid));
-  EXPECT_EQ(rec.stuck_ms, c.stuck_after3);
-  EXPECT_FALSE(rec.is_app);
-  // A zombie leader's command line reads empty.
-  std::string cmd = c.main_state == 'Z' ? "" : "/system/bin/" + name;
-  EXPECT_EQ(log.count("I change tid=" + std::to_string(tid) +
-                      " comm=" + (c.watch_main ? name : thread) + " cmd=" + cmd),
-            1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, LiveThread,
-                         testing::Values(LiveCase{'D', 'S', false, 60000},
-                                         LiveCase{'S', 'S', false, 0}, LiveCase{'R', 'S', false, 0},
-                                         LiveCase{'S', 'Z', true, 60000}));
-
-TEST(LiveThread, ASecondThreadOfTheNameRebindsTheRecord) {
+TEST(LiveThread, ARecordBindsToTheThreadSampledButTakesThePidOnlyForIt) {
   std::string thread = unique("t");
   reset_daemon(true, 30000);
-  use_properties("persist.vendor.sw.processes=a:" + thread + "\n");
-  get_monitor_info();
+  parse_monitor_list("a:" + thread, &monitor_list, &mTids);
   StandIn first = start_stand_in({"/vendor/bin/first", "--thread", thread + ":D"});
   StandIn second = start_stand_in({"/vendor/bin/second", "--thread", thread + ":D"});
-  proc& rec = mTids.at(thread);
-  pid_info info = {first.tid(thread), first.pid, -1};
-  get_stat(&info, task_path(first.pid, first.tid(thread)));
-  get_stat(&info, task_path(first.pid, first.tid(thread)));
-  EXPECT_EQ(rec.stuck_ms, 30000);
-  rec.reported = true;
-  LogCapture log;
-  get_stat(&info, task_path(second.pid, second.tid(thread)));  // info names another thread
-  EXPECT_EQ(rec.tid, static_cast<uint32_t>(second.tid(thread)));
-  EXPECT_EQ(rec.pid, static_cast<uint32_t>(first.pid)) << "the pid is not taken from info";
-  EXPECT_TRUE(rec.stuck_ms == 0 && !rec.reported);
-  EXPECT_EQ(log.count("I change tid=" + std::to_string(second.tid(thread)) + " comm=" + thread +
-                      " cmd=/vendor/bin/second"),
-            1);
+  pid_info info = {first.tids.at(0), first.pid, -1};
+  get_stat(&info, task_path(first.pid, first.tids.at(0)));
+  get_stat(&info, task_path(second.pid, second.tids.at(0)));  // info names another thread
+  const proc& rec = mTids.at(thread);
+  EXPECT_EQ(rec.tid, static_cast<uint32_t>(second.tids.at(0)));
+  EXPECT_EQ(rec.pid, static_cast<uint32_t>(first.pid));
+  EXPECT_EQ(rec.cmd, "/vendor/bin/second");
 }
 
 TEST(LiveThread, AppThreadsAreThoseOfAZygoteChildAndTheirSleepCounts) {
   std::string thread = unique("t");
   for (const char* parent : {"zygote64", "zygote", "zygote_secondary"}) {
     reset_daemon(true, 30000);
-    use_properties("persist.vendor.sw.processes=app:" + thread + "\n");
-    get_monitor_info();
+    parse_monitor_list("app:" + thread, &monitor_list, &mTids);
     StandIn s = start_stand_in({parent, "--spawn", "com.example.app", "--thread", thread + ":S"});
     ASSERT_GT(s.pid, 0);
-    proc& rec = mTids.at(thread);
-    for (int i = 0; i < 3; ++i) get_stat(nullptr, task_path(s.pid, s.tid(thread)));
+    for (int i = 0; i < 3; ++i) get_stat(nullptr, task_path(s.pid, s.tids.at(0)));
     bool app = std::string(parent) != "zygote_secondary";
-    EXPECT_EQ(rec.is_app, app) << parent;
-    EXPECT_EQ(rec.stuck_ms, app ? 60000 : 0) << parent;
+    EXPECT_EQ(mTids.at(thread).is_app, app) << parent;
+    EXPECT_EQ(mTids.at(thread).stuck_ms, app ? 60000 : 0) << parent;
   }
 }
 
 TEST(LiveThread, NamesFromCommAndCmdline) {
-  StandIn s = start_stand_in({"/system/bin/app_process64 -X", "--thread", "Jit thread pool:S"});
+  StandIn s = start_stand_in({"/system/bin/app_process64", "--thread", "Jit thread pool:S"});
   reset_daemon(false);
-  EXPECT_EQ(get_comm(task_path(s.pid, s.tid("Jit thread pool"))), "Jit");
+  EXPECT_EQ(get_comm(task_path(s.pid, s.tids.at(0))), "Jit");
   EXPECT_EQ(get_comm(task_path(s.pid, s.pid)), "app_process64");
   EXPECT_EQ(get_proc_name(std::to_string(s.pid)), "/system/bin/app_process64");
   EXPECT_EQ(get_proc_name("999999999"), "");

@@ -1,14 +1,32 @@
-// The scan's judgement of records set up by hand; signals go to stand-ins that record them. (The
-// paths with a 3 s pause run against the real binary in the scenarios.)
+// The scan's judgement of records set up by hand, the policies, SysRq and the self-watchdog's
+// handler. Signals go to stand-ins that record them; SysRq commands to a FIFO.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
 
 #include "helpers.h"
 #include "stall_ward.h"
 
 namespace {
+
+// Points do_sys_rq at a FIFO of the test's own for one test.
+struct Trigger {
+  Trigger() { sysrq_trigger = path.c_str(); }
+  ~Trigger() { sysrq_trigger = saved; }
+  const char* saved = sysrq_trigger;
+  TempDir dir;
+  std::string path = dir.path("trigger");
+  SysrqFifo fifo{path};
+};
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
 
 enum Target { NONE, PID, PPID };
 
@@ -18,22 +36,25 @@ struct ScanCase {
   int64_t stuck;  // against alarm_ms 120000
   bool updated, has_tid;
   char state;
-  bool reported;
+  bool reported, is_app;
   int policy;
   const char* log;  // one line or none; $PID and $PPID stand for the stand-ins' ids
   int64_t stuck_after;
-  Target dump_signal, killed;  // where signal 35 and SIGKILL go
+  const char* target_signals;  // what the target's and the parent's signal catchers record
+  const char* parent_signals;
+  Target killed;
+  bool kernel_dumps;  // SysRq w and l, then a 3 s pause
 };
 
 class Scan : public testing::TestWithParam<ScanCase> {};
 
 TEST_P(Scan, JudgesTheRecord) {
   const ScanCase& c = GetParam();
-  if (c.dump_signal != NONE && under_emulation()) {
-    GTEST_SKIP() << "qemu-user sends the real-time signal 35 to a host process under another "
-                    "number, so the stand-in cannot receive it as sent";
+  if ((*c.target_signals || *c.parent_signals) && UNDER_EMULATION) {
+    GTEST_SKIP() << "qemu-user renumbers real-time signals sent to a host process";
   }
   TempDir dir;
+  Trigger trigger;
   reset_daemon(true);
   policy = c.policy;
   StandIn target = start_stand_in({"target", "--signals", dir.path("pid.sig")});
@@ -47,36 +68,117 @@ TEST_P(Scan, JudgesTheRecord) {
   rec.updated = c.updated;
   rec.state = c.state;
   rec.reported = c.reported;
+  rec.is_app = c.is_app;
   strcpy(rec.comm, "w");
   LogCapture log;
+  auto start = std::chrono::steady_clock::now();
   scan_process_status();
-  std::string line = replace_all(c.log, "$PPID", std::to_string(parent.pid));
-  line = replace_all(line, "$PID", std::to_string(target.pid));
-  EXPECT_EQ(log.messages(), line.empty() ? std::vector<std::string>{} : std::vector{line});
+  EXPECT_EQ(seconds_since(start) > 2.9, c.kernel_dumps || c.is_app);
+  std::string line = c.log;
+  for (auto [key, pid] : {std::pair{"$PPID", parent.pid}, {"$PID", target.pid}}) {
+    if (line.find(key) != std::string::npos) line.replace(line.find(key), strlen(key), std::to_string(pid));
+  }
+  EXPECT_EQ(log.messages(), line.empty() ? Lines{} : Lines{line});
   EXPECT_EQ(rec.stuck_ms, c.stuck_after);
-  EXPECT_EQ(rec.reported, c.reported || c.dump_signal != NONE);
+  EXPECT_EQ(rec.reported, c.reported || *c.target_signals || *c.parent_signals || c.kernel_dumps);
   EXPECT_EQ(target.child.wait(c.killed == PID ? 5000 : 200) != -1, c.killed == PID);
   EXPECT_EQ(parent.child.wait(c.killed == PPID ? 5000 : 0) != -1, c.killed == PPID);
-  eventually([&] { return c.dump_signal == NONE || !read_file(dir.path("pid.sig")).empty(); },
-             1000);
-  EXPECT_EQ(read_file(dir.path("pid.sig")), c.dump_signal == PID ? "sig=35\n" : "");
-  EXPECT_EQ(read_file(dir.path("ppid.sig")), "");
+  for (auto [file, want] : {std::pair{dir.path("pid.sig"), c.target_signals},
+                            {dir.path("ppid.sig"), c.parent_signals}}) {
+    EXPECT_TRUE(eventually([&] { return read_file(file) == want; }, 1000)) << read_file(file);
+  }
+  EXPECT_EQ(trigger.fifo.commands(), c.kernel_dumps ? Lines({"w", "l"}) : Lines());
 }
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Cases, Scan, testing::Values(
-    ScanCase{"frozen_keeps_its_count", true, true, 999999, true, true, 'D', false, POLICY_KILL, "I w frozen", 999999, NONE, NONE},
-    ScanCase{"not_started", false, false, 999999, true, true, 'D', true, POLICY_KILL, "I w proc not started", 999999, NONE, NONE},
-    ScanCase{"below_the_limit", false, true, 119999, true, true, 'D', true, POLICY_KILL, "", 119999, NONE, NONE},
-    ScanCase{"running_is_only_reset", false, true, 120000, true, true, 'R', false, POLICY_KILL, "", 0, NONE, NONE},
-    ScanCase{"blocked_again_gets_the_policy", false, true, 120000, true, true, 'D', true, POLICY_NOTHING, "I nothing to do accroding to policy", 0, NONE, NONE},
-    ScanCase{"blocked_again_is_killed", false, true, 120000, true, true, 'D', true, POLICY_KILL, "I killing proc $PID", 0, NONE, PID},
-    ScanCase{"a_zombie_again_kills_its_parent", false, true, 130000, true, true, 'Z', true, POLICY_KILL, "I killing proc $PPID", 0, NONE, PPID},
-    ScanCase{"asleep_gets_the_dump_signal", false, true, 120000, true, true, 'S', false, POLICY_KILL, "I dumped $PID", 0, PID, NONE},
-    ScanCase{"asleep_again_is_killed", false, true, 120000, true, true, 'S', true, POLICY_KILL, "I killing proc $PID", 0, NONE, PID},
-    ScanCase{"never_sampled_is_a_process_matter", false, true, 120000, false, true, 'D', false, POLICY_KILL, "I dumped $PID", 0, PID, NONE},
-    ScanCase{"no_thread_is_a_process_matter", false, true, 120000, true, false, 'R', true, POLICY_NOTHING, "I nothing to do accroding to policy", 0, NONE, NONE}),
+    ScanCase{"frozen_keeps_its_count", true, true, 999999, true, true, 'D', false, false, POLICY_KILL, "I w frozen", 999999, "", "", NONE, false},
+    ScanCase{"not_started", false, false, 999999, true, true, 'D', true, false, POLICY_KILL, "I w proc not started", 999999, "", "", NONE, false},
+    ScanCase{"below_the_limit", false, true, 119999, true, true, 'D', true, false, POLICY_KILL, "", 119999, "", "", NONE, false},
+    ScanCase{"running_is_only_reset", false, true, 120000, true, true, 'R', false, false, POLICY_KILL, "", 0, "", "", NONE, false},
+    ScanCase{"blocked_gets_kernel_dumps", false, true, 120000, true, true, 'D', false, false, POLICY_KILL, "I dumped $PID D", 0, "", "", NONE, true},
+    ScanCase{"blocked_again_gets_the_policy", false, true, 120000, true, true, 'D', true, false, POLICY_NOTHING, "I nothing to do accroding to policy", 0, "", "", NONE, false},
+    ScanCase{"blocked_again_is_killed", false, true, 120000, true, true, 'D', true, false, POLICY_KILL, "I killing proc $PID", 0, "", "", PID, false},
+    ScanCase{"a_zombie_has_its_parent_dump", false, true, 120000, true, true, 'Z', false, false, POLICY_KILL, "I dumped $PID Z", 0, "", "sig=35\n", NONE, true},
+    ScanCase{"a_zombie_again_kills_its_parent", false, true, 130000, true, true, 'Z', true, false, POLICY_KILL, "I killing proc $PPID", 0, "", "", PPID, false},
+    ScanCase{"asleep_gets_the_dump_signal", false, true, 120000, true, true, 'S', false, false, POLICY_KILL, "I dumped $PID", 0, "sig=35\n", "", NONE, false},
+    ScanCase{"an_app_asleep_gets_sigquit_first", false, true, 120000, true, true, 'S', false, true, POLICY_KILL, "I dumped $PID", 0, "sig=3\nsig=35\n", "", NONE, false},
+    ScanCase{"asleep_again_is_killed", false, true, 120000, true, true, 'S', true, false, POLICY_KILL, "I killing proc $PID", 0, "", "", PID, false},
+    ScanCase{"an_absent_thread_is_a_process_matter", false, true, 120000, false, false, '?', false, false, POLICY_KILL, "I dumped $PID", 0, "sig=35\n", "", NONE, false},
+    ScanCase{"no_thread_again_gets_the_policy", false, true, 120000, true, false, 'R', true, false, POLICY_NOTHING, "I nothing to do accroding to policy", 0, "", "", NONE, false}),
     [](const testing::TestParamInfo<ScanCase>& info) { return std::string(info.param.name); });
 // clang-format on
+
+TEST(Policy, ActsAndLogsAsConfigured) {
+  const char kNothing[] = "I nothing to do accroding to policy";
+  const std::tuple<int, bool, Lines, bool> cases[] = {
+      // policy, debug, log ("$PID": the target), killed
+      {POLICY_KILL, true, {"I killing proc $PID"}, true},
+      {POLICY_KILL, false, {}, true},
+      {POLICY_REBOOT, true, {"I rebooting", "E android_reboot refused"}, false},
+      {POLICY_NOTHING, true, {kNothing}, false},
+      {POLICY_NOTHING, false, {}, false},
+      {7, true, {kNothing}, false},
+      {-1, true, {kNothing}, false}};
+  for (const auto& [code, debug, want, kills] : cases) {
+    reset_daemon(debug);
+    policy = code;
+    StandIn target = start_stand_in({"target"});
+    ASSERT_GT(target.pid, 0);
+    LogCapture log;
+    handle_policy(target.pid);
+    Lines got = log.messages();
+    for (std::string& l : got) l = l.substr(0, l.find(':'));  // a refusal says why after ':'
+    Lines expected;
+    for (std::string l : want) {
+      if (l.find("$PID") != std::string::npos) l.replace(l.find("$PID"), 4, std::to_string(target.pid));
+      expected.push_back(l);
+    }
+    EXPECT_EQ(got, expected) << code;
+    int status = target.child.wait(kills ? 5000 : 200);
+    EXPECT_EQ(kills, WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << code;
+  }
+}
+
+TEST(Policy, PanicDumpsWaitsThreeSecondsThenCrashes) {
+  Trigger trigger;
+  reset_daemon(false);
+  policy = POLICY_PANIC;
+  auto start = std::chrono::steady_clock::now();
+  std::thread panic([] { handle_policy(12345); });
+  Lines early = trigger.fifo.commands(2, 1000);
+  panic.join();
+  EXPECT_EQ(early, (Lines{"w", "l"}));
+  EXPECT_GT(seconds_since(start), 2.9);
+  EXPECT_EQ(trigger.fifo.commands(), (Lines{"w", "l", "c"}));
+}
+
+TEST(SysRq, WritesTheCommandWithItsNulAndReportsAMissingTriggerAlways) {
+  TempDir dir;
+  const char* saved = sysrq_trigger;
+  std::string file = dir.path("trigger"), missing = dir.path("missing");
+  write_file(file, "");
+  reset_daemon(false);
+  LogCapture log;
+  sysrq_trigger = file.c_str();
+  do_sys_rq("w");
+  EXPECT_EQ(read_file(file), std::string("w\0", 2));
+  sysrq_trigger = missing.c_str();
+  do_sys_rq("w");
+  sysrq_trigger = saved;
+  EXPECT_EQ(log.messages(), Lines{"E open sysrq failed!"});
+  EXPECT_NE(access(missing.c_str(), F_OK), 0) << "never created";
+}
+
+TEST(SysRq, TheAlarmHandlerDumpsBlockedTasksAndCpus) {
+  Trigger trigger;
+  for (bool debug : {true, false}) {
+    reset_daemon(debug);
+    LogCapture log;
+    alarm_handler(SIGALRM);
+    EXPECT_EQ(log.messages(), debug ? Lines{"E Alarm! self stuck!"} : Lines{});
+  }
+  EXPECT_EQ(trigger.fifo.commands(), (Lines{"w", "l", "w", "l"}));
+}
 
 }  // namespace

@@ -1,0 +1,165 @@
+// Start-up, pacing, the monitor list, and the shell runner and splitter.
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "helpers.h"
+#include "stall_ward.h"
+#include "utils.h"
+
+namespace {
+
+TEST(Startup, ConfiguresFromProperties) {
+  struct Case {
+    std::string properties;  // after enable=1
+    int64_t interval, alarm;
+    int policy;
+    bool debug;
+  };
+  const Case cases[] = {
+      {"", 30000, 120000, POLICY_NOTHING, true},
+      {"persist.vendor.sw.timeout=200\n", 50000, 200000, POLICY_NOTHING, true},
+      {"persist.vendor.sw.timeout=60\n", 30000, 60000, POLICY_NOTHING, true},
+      {"persist.vendor.sw.debug=off\npersist.vendor.sw.policy=kill\n", 30000, 120000, POLICY_KILL,
+       false},
+      {"persist.vendor.sw.policy=reboot\n", 30000, 120000, POLICY_REBOOT, true},
+      {"persist.vendor.sw.policy=panic\n", 30000, 120000, POLICY_PANIC, true},
+      {"persist.vendor.sw.policy=Kill\n", 30000, 120000, POLICY_NOTHING, true},
+  };
+  for (const Case& c : cases) {
+    reset_daemon(false, 0);
+    use_properties("persist.vendor.sw.enable=1\n" + c.properties);
+    ASSERT_TRUE(stall_ward_init());
+    EXPECT_EQ(interval_ms, c.interval) << c.properties;
+    EXPECT_EQ(alarm_ms, c.alarm) << c.properties;
+    EXPECT_EQ(policy, c.policy) << c.properties;
+    EXPECT_EQ(debug_enabled, c.debug) << c.properties;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &last_check);
+    stall_wrad_check();  // arms the self-watchdog with the timeout
+    EXPECT_EQ(alarm(0), c.alarm / 1000) << c.properties;
+  }
+  reset_daemon(false, 0);
+  use_properties("");
+  EXPECT_FALSE(stall_ward_init()) << "disabled unless enabled";
+}
+
+TEST(Pacing, SweepsOncePerIntervalAndWaitsOutTheRest) {
+  // After a sweep: the rest of the interval less how late it started, at least 1 s.
+  const std::tuple<int64_t, int64_t, uint64_t> waits[] = {
+      {400, 0, 29600}, {29500, 0, 500}, {31000, 0, 1000}, {200, 29500, 1000}, {10001, 19999, 0}};
+  reset_daemon(true, 30000);
+  for (const auto& [cost, overrun, wait] : waits) EXPECT_EQ(next_wait(cost, overrun), wait);
+  for (const auto& [ago, sweeps] : {std::pair{10, 0}, {35, 1}}) {
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &last_check);
+    last_check.tv_sec -= ago;
+    LogCapture log;
+    int64_t wait = static_cast<int64_t>(stall_wrad_check());
+    alarm(0);
+    EXPECT_EQ(log.count("I go through proc"), sweeps);
+    int64_t due = sweeps ? 30000 - 5000 : 20000;  // 5 s late, or 20 s still to go
+    EXPECT_TRUE(wait <= due && wait > due - 1000) << ago << ": " << wait;
+  }
+}
+
+TEST(Properties, AFileOthersCouldChangeIsRefused) {
+  reset_daemon(false);
+  TempDir dir;
+  const std::tuple<mode_t, uid_t, bool> cases[] = {
+      {0644, 0, true}, {0664, 0, false}, {0646, 0, false}, {0644, 65534, false}};
+  for (const auto& [mode, owner, accepted] : cases) {
+    std::string path = dir.path("p" + std::to_string(mode) + "." + std::to_string(owner));
+    write_file(path, "k=7\n", mode);
+    ASSERT_EQ(chown(path.c_str(), owner, 0), 0);
+    setenv("STALL_WARD_PROPERTIES", path.c_str(), 1);
+    LogCapture log;
+    EXPECT_EQ(get_prop_int("k", 1), accepted ? 7 : 1) << path;
+    EXPECT_EQ(count_prefix(log.messages(), "E property file " + path + " ignored"), !accepted);
+  }
+}
+
+TEST(MonitorList, FollowsTheProcessesGrammar) {
+  const std::tuple<std::string, Lines, Lines> cases[] = {
+      // value; entries as "name" or "name:t1:t2" (threads sorted); record names, sorted
+      {"system_server:watchdog:android.bg", {"system_server:android.bg:watchdog"}, {"android.bg", "watchdog"}},
+      {"  a   b  ", {"a", "b"}, {"a", "b"}},
+      {"p:", {"p"}, {"p"}},
+      {"p::t", {"p:t"}, {"t"}},
+      {"a:watchdog b:watchdog", {"a:watchdog", "b:watchdog"}, {"watchdog"}},  // one record
+      {"a\tb", {"a\tb"}, {"a\tb"}},  // only the space separates entries
+      {": :: x", {"x"}, {"x"}},
+  };
+  for (const auto& [value, entries, keys] : cases) {
+    std::vector<monitor_info> list;
+    std::unordered_map<std::string, proc> table;
+    parse_monitor_list(value, &list, &table);
+    Lines got_entries, got_keys;
+    for (const monitor_info& info : list) {
+      Lines threads(info.threads.begin(), info.threads.end());
+      std::sort(threads.begin(), threads.end());
+      EXPECT_EQ(info.has_threads, !threads.empty());
+      got_entries.push_back(info.name);
+      for (const std::string& t : threads) got_entries.back() += ":" + t;
+    }
+    for (const auto& entry : table) got_keys.push_back(entry.first);
+    std::sort(got_keys.begin(), got_keys.end());
+    EXPECT_EQ(got_entries, entries) << value;
+    EXPECT_EQ(got_keys, keys) << value;
+  }
+}
+
+TEST(MonitorList, TheDefaultIsDumpedWithDebugOn) {
+  for (bool debug : {true, false}) {
+    reset_daemon(debug);
+    use_properties("");
+    LogCapture log;
+    get_monitor_info();
+    EXPECT_EQ(mTids.size(), 2u);
+    Lines want = {"I get persist.vendor.sw.processes =system_server:watchdog surfaceflinger",
+                  "D monitor system_server threads:", "D watchdog",
+                  "D monitor surfaceflinger main", "D mTids:"};
+    Lines got = log.messages();
+    if (got.size() > 2) std::sort(got.end() - 2, got.end());  // the table's order
+    want.insert(want.end(), {"D surfaceflinger", "D watchdog"});
+    EXPECT_EQ(got, debug ? want : Lines{});
+  }
+}
+
+TEST(Split, DropsEmptyPiecesAndSplitsOnlyAtTheGivenCharacters) {
+  const std::tuple<std::string, const char*, Lines> cases[] = {
+      {"a  b ", " ", {"a", "b"}},
+      {"", " ", {}},
+      {"a/b:c", "/:", {"a", "b", "c"}},
+      {"a b/c", "", {"a b/c"}},
+      {"root 1 init\nroot 2 kthreadd\n", " ", {"root", "1", "init\nroot", "2", "kthreadd\n"}},
+  };
+  for (const auto& [text, delimiters, tokens] : cases) {
+    EXPECT_EQ(string_split(text, delimiters), tokens) << text;
+  }
+}
+
+TEST(Exec, CapturesTheFirstKilobyteWhateverTheExitStatus) {
+  const std::pair<const char*, std::string> cases[] = {
+      {"printf 'a b\\n'", "a b\n"},
+      {"printf x; exit 1", "x"},
+      {"head -c 5000 /dev/zero | tr '\\0' y", std::string(1023, 'y')},
+  };
+  reset_daemon(true);
+  for (const auto& [command, output] : cases) {
+    char out[kShellOutputSize];
+    memset(out, 0, sizeof(out));
+    LogCapture log;
+    EXPECT_EQ(exec_command(command, out), 0) << command;
+    EXPECT_EQ(std::string(out), output) << command;
+    EXPECT_EQ(log.messages().at(0), "I [sh] cmd=" + std::string(command));
+    EXPECT_EQ(count_prefix(log.messages(), "I [sh] ret=" + output.substr(0, 3)), 1);
+  }
+  char untouched[] = "z";
+  EXPECT_EQ(exec_command(nullptr, untouched), -1);
+  EXPECT_EQ(exec_command("true", nullptr), -1);
+  EXPECT_STREQ(untouched, "z");
+}
+
+}  // namespace
