@@ -117,26 +117,12 @@ int Child::wait(int timeout_ms) {
   return status;
 }
 
-Child spawn(const std::string& program, const Lines& argv, const Lines& env,
-            const std::string& err_path) {
+Child spawn(const std::string& program, const Lines& argv, const std::string& err_path) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) abort();
-  std::vector<char*> args, envp;
+  std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  // The environment less a reboot permission, which is only ever given explicitly; then env.
-  Lines all;
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (!android::base::StartsWith(*e, "STALL_WARD_ALLOW_REBOOT=")) all.push_back(*e);
-  }
-  all.insert(all.end(), env.begin(), env.end());
-  for (size_t i = 0; i < all.size(); ++i) {
-    std::string key = all[i].substr(0, all[i].find('=') + 1);
-    bool later = std::any_of(all.begin() + i + 1, all.end(),
-                             [&](const std::string& e) { return e.rfind(key, 0) == 0; });
-    if (!later) envp.push_back(const_cast<char*>(all[i].c_str()));
-  }
   args.push_back(nullptr);
-  envp.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
@@ -151,7 +137,7 @@ Child spawn(const std::string& program, const Lines& argv, const Lines& env,
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
   pid_t pid = -1;
-  if (posix_spawn(&pid, program.c_str(), &actions, &attr, args.data(), envp.data()) != 0) pid = -1;
+  if (posix_spawn(&pid, program.c_str(), &actions, &attr, args.data(), environ) != 0) pid = -1;
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   close(fds[1]);

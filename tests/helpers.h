@@ -78,9 +78,8 @@ class Child {
  private:
   pid_t pid_, out_;
 };
-// Runs program with argv and env added (the last entry for a key wins), stdout to a pipe.
-Child spawn(const std::string& program, const Lines& argv, const Lines& env = {},
-            const std::string& err_path = "");
+// Runs program with argv, stdout to a pipe, stderr to err_path when given.
+Child spawn(const std::string& program, const Lines& argv, const std::string& err_path = "");
 
 // tools/stand_in, started with argv: its pid and its threads' ids in the order of --thread.
 struct StandIn {

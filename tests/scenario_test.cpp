@@ -25,7 +25,6 @@ struct DaemonRun {
   bool wait_for(const std::string& line, int timeout_ms, int times = 1) const;
   int count(const std::string& line) const { return ::count(messages(), line); }
   std::string pid(size_t k) const { return ids[k].at(0); }
-  std::string tid(size_t k, size_t thread) const { return ids[k].at(thread + 1); }
   std::string signals(size_t k) const { return read_file(dir.path(std::to_string(k) + ".sig")); }
   // The stand-in's exit status as its shell saw it ("137" after SIGKILL), empty while it runs.
   std::string exit_status(size_t k) const;
@@ -38,7 +37,7 @@ struct DaemonRun {
 
 namespace {
 
-std::string quoted(const std::string& s) {
+std::string sh_quote(const std::string& s) {
   std::string out = "'";
   for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return out + "'";
@@ -66,19 +65,18 @@ DaemonRun::DaemonRun(const std::string& properties, const std::vector<Lines>& st
   for (size_t k = 0; k < stand_ins.size(); ++k) {
     script += "start " + std::to_string(k);
     for (const std::string& arg : stand_ins[k]) {
-      script += " " + quoted(arg == "@sig" ? dir.path(std::to_string(k) + ".sig") : arg);
+      script += " " + sh_quote(arg == "@sig" ? dir.path(std::to_string(k) + ".sig") : arg);
     }
     script += "\n";
   }
   script += more + "\nenv LD_PRELOAD=" FAKETIME_LIB " 'FAKETIME=+0 x20' STALL_WARD_PROPERTIES=" +
-            quoted(dir.path("props")) + " STALL_WARD_SYSRQ_TRIGGER=" + quoted(dir.path("trigger"));
-  for (const std::string& e : env) script += " " + quoted(e);
+            sh_quote(dir.path("props")) + " STALL_WARD_SYSRQ_TRIGGER=" + sh_quote(dir.path("trigger"));
+  for (const std::string& e : env) script += " " + sh_quote(e);
   script += " " STALL_WARD_PATH " 2>\"$DIR/log\" &\nwait\n";
-  ns = spawn("/usr/bin/unshare",
-             {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "/bin/bash", "-c",
-              script},
-             {"OUTER_NS=" + std::filesystem::read_symlink("/proc/self/ns/pid").string(),
-              "DIR=" + dir.dir, "STAND_IN=" + stand_in_path()},
+  std::string vars = "OUTER_NS=" + sh_quote(std::filesystem::read_symlink("/proc/self/ns/pid").string()) +
+                     " DIR=" + sh_quote(dir.dir) + " STAND_IN=" + sh_quote(stand_in_path()) + "\n";
+  ns = spawn("/usr/bin/unshare", {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc",
+                                  "/bin/bash", "-c", vars + script},
              dir.path("ns.log"));
   for (size_t k = 0; k < stand_ins.size(); ++k) {
     std::string out = dir.path(std::to_string(k) + ".out");

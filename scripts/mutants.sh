@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# The mutation check: applies each one-line fault of scripts/mutants.list to a copy of the tree,
+# rebuilds, and runs the in-process tests, then the end-to-end ones only for a fault those let
+# through. Every fault must be caught ("killed"); one whose text is no longer found exactly once
+# is reported stale. Ends with "N killed, M survived" and fails on any survivor or stale entry.
+#   scripts/mutants.sh [list]
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/setup.sh" >/dev/null
+list=$(realpath "${1:-scripts/mutants.list}")
+work=$(mktemp -d /tmp/stall_ward_mutants.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+git ls-files -z | xargs -0 cp --parents -t "$work"
+cmake -S "$work" -B "$work/build" -DBUILD_TESTING=ON >/dev/null
+cmake --build "$work/build" -j"$(nproc)" >/dev/null
+
+# apply FILE TEXT REPLACEMENT: replaces the one occurrence (\n stands for a line end); prints how
+# many occurrences there were.
+apply() {
+  FROM=$2 TO=$3 perl -0777 -i -e '
+    my ($from, $to) = map { s/\\n/\n/gr } ($ENV{FROM}, $ENV{TO});
+    local $_ = <>; my $n = () = /\Q$from\E/g;
+    s/\Q$from\E/$to/ if $n == 1; print; print STDERR $n;' "$1" 2>&1 >/dev/null
+}
+run() {  # run LABEL: the tests of that label, stopping at the first failure
+  ctest --test-dir "$work/build" -L "$1" -j"$(nproc)" --stop-on-failure >/dev/null 2>&1
+}
+
+killed=0 survived=0 stale=0 survivors=()
+start=$SECONDS
+while IFS=$'\t' read -r -u 3 file text replacement bug; do
+  [[ -z "$file" || "$file" == \#* ]] && continue
+  n=$(apply "$work/$file" "$text" "$replacement")
+  if [ "$n" != 1 ]; then
+    echo "STALE ($n found): $file: $text"; stale=$((stale + 1)); continue
+  fi
+  if ! cmake --build "$work/build" -j"$(nproc)" >/dev/null 2>&1; then
+    how="by the build"
+  elif ! run unit; then
+    how="in-process"
+  elif ! run end-to-end; then
+    how="end to end"
+  else
+    how=""
+  fi
+  cp "$file" "$work/$file"
+  if [ -n "$how" ]; then
+    killed=$((killed + 1)); echo "killed $how: $bug"
+  else
+    survived=$((survived + 1)); survivors+=("$file: $bug"); echo "SURVIVED: $file: $bug"
+  fi
+done 3<"$list"
+cmake --build "$work/build" -j"$(nproc)" >/dev/null  # back to the code as it is
+echo "$(( (SECONDS - start) / 60 )) min; stale: $stale"
+for s in "${survivors[@]}"; do echo "survivor: $s"; done
+echo "$killed killed, $survived survived"
+[ "$survived" -eq 0 ] && [ "$stale" -eq 0 ]
