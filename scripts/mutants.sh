@@ -21,8 +21,11 @@ apply() {
     local $_ = <>; my $n = () = /\Q$from\E/g;
     s/\Q$from\E/$to/ if $n == 1; print; print STDERR $n;' "$1" 2>&1 >/dev/null
 }
-run() {  # run LABEL: the tests of that label, stopping at the first failure
-  ctest --test-dir "$work/build" -L "$1" -j"$(nproc)" --stop-on-failure >/dev/null 2>&1
+in_process() {  # the unit tests in one process, cheap ones first, stopping at the first failure
+  "$work/build/tests/unit_tests" --gtest_fail_fast >/dev/null 2>&1
+}
+end_to_end() {
+  ctest --test-dir "$work/build" -L end-to-end -j"$(nproc)" >/dev/null 2>&1
 }
 
 killed=0 survived=0 stale=0 survivors=()
@@ -35,9 +38,9 @@ while IFS=$'\t' read -r -u 3 file text replacement bug; do
   fi
   if ! cmake --build "$work/build" -j"$(nproc)" >/dev/null 2>&1; then
     how="by the build"
-  elif ! run unit; then
+  elif ! in_process; then
     how="in-process"
-  elif ! run end-to-end; then
+  elif ! end_to_end; then
     how="end to end"
   else
     how=""

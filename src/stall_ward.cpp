@@ -68,7 +68,7 @@ int policy_from_text(const std::string& text) {
 }
 
 bool stall_ward_init() {
-  bool enabled = get_prop_bool("persist.vendor.sw.enable", false);
+  bool enabled = get_prop_bool(kPropEnable, false);
   if (proc_dir.fd >= 0) {
     close(proc_dir.fd);
     proc_dir.fd = -1;
@@ -81,16 +81,20 @@ bool stall_ward_init() {
     return false;
   }
   if (!enabled) return false;
+  read_settings();
+  signal(SIGALRM, alarm_handler);
+  return true;
+}
+
+void read_settings() {
   // Debug logging is on unless the property turns it off.
-  debug_enabled = get_prop_bool("persist.vendor.sw.debug", true);
-  int timeout = get_prop_int("persist.vendor.sw.timeout", 120);
+  debug_enabled = get_prop_bool(kPropDebug, true);
+  int timeout = get_prop_int(kPropTimeout, kDefaultTimeout);
   interval_ms = static_cast<int64_t>(timeout) * 250;
   if (interval_ms < 30000) interval_ms = 30000;
   alarm_ms = static_cast<int64_t>(timeout) * 1000;
   get_monitor_info();
-  policy = policy_from_text(get_prop_string("persist.vendor.sw.policy", ""));
-  signal(SIGALRM, alarm_handler);
-  return true;
+  policy = policy_from_text(get_prop_string(kPropPolicy, ""));
 }
 
 uint64_t next_wait(int64_t cost, int64_t overrun) {
@@ -167,9 +171,7 @@ void parse_monitor_list(const std::string& value, std::vector<monitor_info>* lis
 }
 
 void get_monitor_info() {
-  parse_monitor_list(
-      get_prop_string("persist.vendor.sw.processes", "system_server:watchdog surfaceflinger"),
-      &monitor_list, &mTids);
+  parse_monitor_list(get_prop_string(kPropProcesses, kDefaultProcesses), &monitor_list, &mTids);
   if (!debug_enabled) return;
   for (const monitor_info& info : monitor_list) {
     if (info.has_threads) {

@@ -91,9 +91,21 @@ extern DirInfo proc_dir;
 // STALL_WARD_SYSRQ_TRIGGER. Decided before main; the SIGALRM handler only reads it.
 extern const char* sysrq_trigger;
 
+// The properties, read once at start-up, and their defaults.
+constexpr const char* kPropEnable = "persist.vendor.sw.enable";  // default false
+constexpr const char* kPropDebug = "persist.vendor.sw.debug";    // default true
+constexpr const char* kPropTimeout = "persist.vendor.sw.timeout";
+constexpr int kDefaultTimeout = 120;  // seconds
+constexpr const char* kPropPolicy = "persist.vendor.sw.policy";  // default empty: nothing
+constexpr const char* kPropProcesses = "persist.vendor.sw.processes";
+constexpr const char* kDefaultProcesses = "system_server:watchdog surfaceflinger";
+
 enum : int { POLICY_KILL = 0, POLICY_REBOOT = 1, POLICY_PANIC = 2, POLICY_NOTHING = 3 };
 
 bool stall_ward_init();
+// Reads every setting after the enable flag, in start-up's order: debug, the timeout with the
+// interval and alarm derived from it, the monitor list and records, the policy.
+void read_settings();
 uint64_t stall_wrad_check();
 // The value stall_wrad_check hands to usleep after a sweep, from the sweep's cost and how late it
 // started (both ms).
