@@ -6,6 +6,7 @@
 //   sweep_bench [--quick] [--data FILE]      (run it as root: it starts thousands of processes)
 //   sweep_bench --pace-loop                  (the idle floor: alarm, coarse clock, sleep)
 //   sweep_bench --profile N                  (N daemon sweeps of this machine, for a profiler)
+#include <android-base/file.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -53,7 +54,7 @@ alignas(8) char dir_buf[4200];
 alignas(8) char task_buf[4200];
 char file_buf[4096];
 
-ssize_t read_small(const char* path) {
+ssize_t read_raw(const char* path) {
   int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) return -1;
   ssize_t n = read(fd, file_buf, sizeof(file_buf) - 1);
@@ -61,6 +62,19 @@ ssize_t read_small(const char* path) {
   file_buf[n > 0 ? n : 0] = '\0';
   return n;
 }
+
+// The same reads through android::base::ReadFileToString, as the daemon must read: one fstat per
+// file and one more read per non-empty file than the raw floor.
+ssize_t read_through_libbase(const char* path) {
+  static std::string content;
+  if (!android::base::ReadFileToString(path, &content, false)) return -1;
+  size_t n = std::min(content.size(), sizeof(file_buf) - 1);
+  memcpy(file_buf, content.data(), n);
+  file_buf[n] = '\0';
+  return static_cast<ssize_t>(n);
+}
+
+ssize_t (*read_small)(const char*) = read_raw;
 
 void floor_sweep() {
   int dir = open("/proc/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -194,11 +208,19 @@ int64_t process_cpu_ns(pid_t pid) {
   return strtoll(file_buf, nullptr, 10);
 }
 
-long rss_kib(pid_t pid) {
-  std::string path = "/proc/" + std::to_string(pid) + "/status";
+// A number from /proc/<pid>/status, or a kB figure of its memory as a device counts it
+// (proportional and private resident memory, beside the resident size shared libraries inflate).
+long file_field(pid_t pid, const char* file, const char* key) {
+  std::string path = "/proc/" + std::to_string(pid) + "/" + file;
   if (read_small(path.c_str()) <= 0) return -1;
-  const char* rss = strstr(file_buf, "VmRSS:");
-  return rss != nullptr ? strtol(rss + 6, nullptr, 10) : -1;
+  const char* at = strstr(file_buf, key);
+  return at != nullptr ? strtol(at + strlen(key), nullptr, 10) : -1;
+}
+long status_field(pid_t pid, const char* key) {
+  return file_field(pid, "status", key);
+}
+long smaps_rollup_kib(pid_t pid, const char* key) {
+  return file_field(pid, "smaps_rollup", key);
 }
 
 std::string write_props(const std::string& content) {
@@ -266,10 +288,11 @@ int main(int argc, char** argv) {
   }
   fprintf(data, "# extra daemon_us floor_us pgrep_us psgrep_us (2 threads, CPU per sweep)\n");
   printf(
-      "| threads | extra processes | daemon walk | floor | pgrep -x | ps -e \\| grep | "
-      "daemon/floor | pgrep/daemon | shell sweep | its commands |\n");
-  printf("|---|---|---|---|---|---|---|---|---|---|\n");
-  std::vector<double> walk_ratios;
+      "| threads | extra processes | daemon walk | floor | readfile floor | pgrep -x | "
+      "ps -e \\| grep | daemon/floor | daemon/readfile floor | pgrep/daemon | shell sweep | "
+      "its commands |\n");
+  printf("|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+  std::vector<double> walk_ratios, readfile_ratios;
   for (int threads : {2, 50}) {
     std::vector<std::string> stand_in = {std::string("/system/bin/") + kName, "--thread",
                                          std::string(kThread) + ":S"};
@@ -288,6 +311,14 @@ int main(int argc, char** argv) {
            {},
            {}},
           {"floor", floor_sweep, {}, {}},
+          {"readfile floor",
+           [] {
+             read_small = read_through_libbase;
+             floor_sweep();
+             read_small = read_raw;
+           },
+           {},
+           {}},
           {"pgrep",
            [] {
              run({"pgrep", "-x", kName});
@@ -322,16 +353,18 @@ int main(int argc, char** argv) {
       int rounds = quick ? 5 : (extra == 0 ? 200 : extra == 1000 ? 60 : 25);
       measure(c, rounds);
       double daemon = median(c[0].cpu_us), floor = median(c[1].cpu_us);
+      double pgrep = median(c[3].cpu_us), psgrep = median(c[4].cpu_us);
       printf(
-          "| %d | %zu | %.0f µs | %.0f µs | %.0f µs | %.0f µs | %.2f | %.1f | %.0f µs | %.0f µs "
-          "|\n",
-          threads, extra, daemon, floor, median(c[2].cpu_us), median(c[3].cpu_us), daemon / floor,
-          median(c[2].cpu_us) / daemon, median(c[4].wall_us), median(c[5].wall_us));
+          "| %d | %zu | %.0f µs | %.0f µs | %.0f µs | %.0f µs | %.0f µs | %.2f | %.2f | %.1f | "
+          "%.0f µs | %.0f µs |\n",
+          threads, extra, daemon, floor, median(c[2].cpu_us), pgrep, psgrep, daemon / floor,
+          daemon / median(c[2].cpu_us), pgrep / daemon, median(c[5].wall_us),
+          median(c[6].wall_us));
       fflush(stdout);
       if (threads == 2) {
         walk_ratios.push_back(daemon / floor);
-        fprintf(data, "%zu %.1f %.1f %.1f %.1f\n", extra, daemon, floor, median(c[2].cpu_us),
-                median(c[3].cpu_us));
+        readfile_ratios.push_back(daemon / median(c[2].cpu_us));
+        fprintf(data, "%zu %.1f %.1f %.1f %.1f\n", extra, daemon, floor, pgrep, psgrep);
       }
     }
     end_sleepers();
@@ -351,12 +384,17 @@ int main(int argc, char** argv) {
   pid_t pacer = spawn({argv[0], "--pace-loop"});
   usleep(200000);
   int64_t d0 = process_cpu_ns(daemon), p0 = process_cpu_ns(pacer);
+  long w0 = status_field(daemon, "voluntary_ctxt_switches:");
   sleep(static_cast<unsigned>(idle_seconds));
   int64_t d1 = process_cpu_ns(daemon), p1 = process_cpu_ns(pacer);
+  double wakeups = static_cast<double>(status_field(daemon, "voluntary_ctxt_switches:") - w0) /
+                   idle_seconds;
   double idle_daemon = (d1 - d0) / 1e6, idle_floor = (p1 - p0) / 1e6;
   for (pid_t p : {daemon, pacer}) kill(p, SIGKILL), waitpid(p, nullptr, 0);
-  printf("\nidle over %d s: daemon %.1f ms CPU, pacing floor %.1f ms CPU, ratio %.2f\n",
-         idle_seconds, idle_daemon, idle_floor, idle_daemon / idle_floor);
+  printf("\nidle over %d s: daemon %.1f ms CPU (%.1f ms a second), %.1f wake-ups a second; "
+         "pacing floor %.1f ms CPU, ratio %.2f\n",
+         idle_seconds, idle_daemon, idle_daemon / idle_seconds, wakeups, idle_floor,
+         idle_daemon / idle_floor);
 
   // Resident memory after 1,000 sweeps, time sped up 1000-fold so that they take seconds.
   std::string log = "/tmp/sweep_bench.daemon.log";
@@ -376,13 +414,18 @@ int main(int argc, char** argv) {
     }
     if (f != nullptr) fclose(f);
   }
-  long rss = rss_kib(fast);
+  long rss = status_field(fast, "VmRSS:");
+  long pss = smaps_rollup_kib(fast, "Pss:");
+  long private_kib = smaps_rollup_kib(fast, "Private_Clean:") + smaps_rollup_kib(fast, "Private_Dirty:");
   kill(fast, SIGKILL);
   waitpid(fast, nullptr, 0);
   unlink(log.c_str());
-  printf("resident memory after %d sweeps: %ld KiB\n", sweeps, rss);
+  printf("memory after %d sweeps: resident %ld KiB, proportional %ld KiB, private %ld KiB\n",
+         sweeps, rss, pss, private_kib);
 
-  printf("ratios walk/floor=%.2f,%.2f,%.2f idle/floor=%.2f rss_kib=%ld\n", walk_ratios[0],
-         walk_ratios[1], walk_ratios[2], idle_daemon / idle_floor, rss);
+  printf("ratios walk/floor=%.2f,%.2f,%.2f walk/readfile_floor=%.2f,%.2f,%.2f idle/floor=%.2f "
+         "pss_kib=%ld private_kib=%ld wakeups_per_s=%.1f\n",
+         walk_ratios[0], walk_ratios[1], walk_ratios[2], readfile_ratios[0], readfile_ratios[1],
+         readfile_ratios[2], idle_daemon / idle_floor, pss, private_kib, wakeups);
   return 0;
 }
