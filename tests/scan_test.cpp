@@ -141,6 +141,7 @@ TEST(Policy, ActsAndLogsAsConfigured) {
 }
 
 TEST(Policy, PanicDumpsWaitsThreeSecondsThenCrashes) {
+  if (UNDER_EMULATION) GTEST_SKIP() << "under qemu-user this test's second thread hangs";
   Trigger trigger;
   reset_daemon(false);
   policy = POLICY_PANIC;
