@@ -1,0 +1,554 @@
+// Replays the daemon's log: each sweep's samples give a record's state and, counted by the daemon's
+// own rule (the same state and processor time grows the stall by one interval; another state,
+// more processor time, another run count or a state that is not watched starts it again), its
+// stall; "dumped" lines are the evidence and the policy lines the action. The kernel's blocked-task
+// dumps are collected on the way and attached at the end to what asked for them.
+#include <android-base/strings.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "report.h"
+#include "stall_ward.h"
+
+namespace report {
+namespace {
+
+using android::base::StartsWith;
+
+// What the daemon is in the middle of: the process it found, and a thread's sample whose stall
+// is settled by the lines that follow it (a rebind, the run count, or "not watched").
+struct Sample {
+  bool open = false;
+  std::string comm, cmd;
+  int tid = -1, ppid = -1;
+  char state = '?';
+  uint64_t cpu = 0;
+  bool looked_up = false, rebound = false, watched = false;
+  uint64_t switches = 0;
+  Line line;
+};
+
+// Where one daemon run's log has got to; runs of two daemons may interleave in one log.
+struct Context {
+  Sample sample;
+  int pid = -1;  // the process the daemon is looking at
+  std::string process;
+  // Start-up lists the thread names of an entry after "monitor NAME threads:", and the records
+  // after "mTids:", one a line.
+  enum { kNone, kThreads, kRecords } listing = kNone;
+  bool sweep_way_known = true;
+};
+
+struct Builder {
+  Story story;
+  std::vector<Context> contexts;  // one a run
+  Run* run = nullptr;
+  Context* ctx = nullptr;
+  KernelDump* dump = nullptr;  // open while a SysRq w answer is being read
+  KernelTask* task = nullptr;
+  std::vector<std::pair<int, int>> asked;  // (run, incident) that asked for a dump; -1: alarm
+  std::vector<const Mark*> alarms;
+};
+
+Mark mark(const Line& line, const char* kind, const std::string& text) {
+  return Mark{line.ms, line.clock, kind, text};
+}
+
+void start_run(Builder* b, const Line& line, bool started) {
+  b->story.runs.emplace_back();
+  b->contexts.emplace_back();
+  b->run = &b->story.runs.back();
+  b->ctx = &b->contexts.back();
+  b->run->pid = line.pid;
+  if (started) b->run->started = line.clock;
+  b->run->timeout_s = kDefaultTimeout;
+  b->run->interval_ms = std::max<int64_t>(kDefaultTimeout * 250LL, 30000);
+}
+
+Record& record(Builder* b, const std::string& name) {
+  Record& rec = b->run->records[name];
+  rec.name = name;
+  return rec;
+}
+
+// A point that goes on in the same state at the same pace as the two before it moves the last
+// point instead of adding one, so that a timeline holds only where its course changes.
+void add_point(Record* rec, const Line& line, char state) {
+  std::vector<Point>& p = rec->points;
+  size_t n = p.size();
+  if (n >= 2 && p[n - 1].state == state && p[n - 2].state == state &&
+      rec->stall_ms - p[n - 1].stall_ms == p[n - 1].stall_ms - p[n - 2].stall_ms) {
+    p[n - 1] = Point{line.ms, state, rec->stall_ms};
+  } else {
+    p.push_back(Point{line.ms, state, rec->stall_ms});
+  }
+}
+
+void set_since(Record* rec, const Line& line) {
+  rec->since_ms = line.ms;
+  rec->since_clock = line.clock;
+  rec->reported = false;
+  rec->incident = -1;  // progress ends an incident
+}
+
+// The daemon's own count, settled once the lines after the sample are in.
+void close_sample(Builder* b) {
+  Sample& s = b->ctx->sample;
+  if (!s.open) return;
+  s.open = false;
+  if (!s.looked_up) return;
+  Record& rec = record(b, s.comm);
+  if (s.rebound) {
+    if (rec.tid != -1)
+      rec.marks.push_back(mark(s.line, "bind", "now tid " + std::to_string(s.tid)));
+    rec.tid = s.tid;
+    rec.cmd = s.cmd;
+    rec.state = '?';
+    rec.stall_ms = 0;
+    rec.switches = 0;
+    set_since(&rec, s.line);
+  }
+  if (b->ctx->pid > 0) rec.pid = b->ctx->pid;
+  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
+  if (rec.cpu != s.cpu) rec.state = '?';
+  rec.cpu = s.cpu;
+  if (rec.state != s.state) {
+    rec.stall_ms = 0;
+    rec.state = s.state;
+    set_since(&rec, s.line);
+  } else {
+    rec.stall_ms += b->run->interval_ms;
+  }
+  if (s.watched && s.switches != 0 && s.switches != rec.switches) {
+    rec.switches = s.switches;
+    rec.stall_ms = 0;
+    set_since(&rec, s.line);
+  }
+  if (!s.watched) rec.stall_ms = 0;
+  rec.tid = s.tid;
+  rec.ppid = s.ppid;
+  add_point(&rec, s.line, s.state);
+}
+
+// A watched thread that a running process does not have: its stall grows all the same. The shell
+// way binds the record to that process first (setting it back when it was bound to another).
+void absent_thread(Builder* b, const Line& line, const std::string& name, bool shell) {
+  close_sample(b);
+  Record& rec = record(b, name);
+  if (shell && rec.pid != b->ctx->pid) {
+    rec.stall_ms = 0;
+    rec.state = '?';
+  }
+  if (rec.stall_ms == 0) set_since(&rec, line);
+  if (rec.points.empty() || rec.points.back().state != '-') {
+    rec.marks.push_back(
+        mark(line, "not-started", "thread not found in pid " + std::to_string(b->ctx->pid)));
+  }
+  rec.pid = b->ctx->pid;
+  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
+  rec.stall_ms += b->run->interval_ms;
+  add_point(&rec, line, '-');
+}
+
+// The state a record was last seen in: '-' when its thread was not found.
+char seen(const Record& rec) {
+  return rec.points.empty() ? '?' : rec.points.back().state;
+}
+
+int64_t alarm_ms(const Run& run) {
+  return run.timeout_s * 1000;
+}
+
+// The record a judgment line speaks of: among those whose stall reached the timeout, the one
+// bound to `pid` (or whose zombie has `pid` as parent) in `state` when given, the longest stalled.
+Record* judged(Builder* b, int pid, char state, bool policy) {
+  Record* best = nullptr;
+  for (auto& entry : b->run->records) {
+    Record& rec = entry.second;
+    if (rec.stall_ms < alarm_ms(*b->run)) continue;
+    bool target = pid < 0 || rec.pid == pid || (policy && seen(rec) == 'Z' && rec.ppid == pid);
+    if (!target || (state != 0 && seen(rec) != state) || (policy && !rec.reported)) continue;
+    if (best == nullptr || rec.stall_ms > best->stall_ms) best = &rec;
+  }
+  if (best == nullptr && pid >= 0) return judged(b, -1, state, policy);
+  return best;
+}
+
+Incident& open_incident(Builder* b, Record* rec) {
+  if (rec->incident < 0) {
+    Incident in;
+    in.record = rec->name;
+    in.process = rec->process;
+    in.pid = rec->pid;
+    in.tid = rec->tid;
+    in.state = seen(*rec);
+    in.since = rec->since_clock;
+    rec->incident = static_cast<int>(b->run->incidents.size());
+    b->run->incidents.push_back(in);
+  }
+  return b->run->incidents[rec->incident];
+}
+
+void evidence(Builder* b, const Line& line, int pid, char state) {
+  close_sample(b);
+  Record* rec = judged(b, pid, state, false);
+  if (rec == nullptr) {
+    b->run->events.push_back(
+        mark(line, "evidence",
+             "evidence for pid " + std::to_string(pid) + " of a record not seen in the log"));
+    return;
+  }
+  char was = seen(*rec);
+  std::string what;
+  if (was == 'Z') what = "signal 35 to parent " + std::to_string(rec->ppid) + ", ";
+  if (was == 'D' || was == 'Z') {
+    what += "SysRq w, l";
+  } else {
+    what = was == 'S' ? "SIGQUIT, signal 35" : "signal 35";
+  }
+  Incident& in = open_incident(b, rec);
+  in.evidence = what;
+  in.evidence_clock = line.clock;
+  in.evidence_ms = line.ms;
+  rec->reported = true;
+  rec->stall_ms = 0;
+  add_point(rec, line, was);
+  rec->marks.push_back(mark(line, "evidence", what));
+  if (was == 'D' || was == 'Z') {
+    b->asked.emplace_back(static_cast<int>(b->run - b->story.runs.data()), rec->incident);
+  }
+}
+
+void policy(Builder* b, const Line& line, int pid, const std::string& what) {
+  close_sample(b);
+  Record* rec = judged(b, pid, 0, true);
+  if (rec == nullptr) {
+    b->run->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
+    return;
+  }
+  Incident& in = open_incident(b, rec);
+  if (in.action.empty()) {
+    in.action = what;
+    in.action_clock = line.clock;
+    in.action_ms = line.ms;
+  } else {
+    in.action += "; again " + line.clock.substr(6);
+  }
+  rec->stall_ms = 0;
+  add_point(rec, line, seen(*rec));
+  rec->marks.push_back(mark(line, "policy", what));
+  if (what == "kernel panic") {
+    b->asked.emplace_back(static_cast<int>(b->run - b->story.runs.data()), rec->incident);
+  }
+}
+
+// The end of a sweep's judgment, seen at the start of the next sweep: the daemon has set back
+// every count that reached the timeout.
+void start_sweep(Builder* b, const Line& line, bool way_known, bool proc_walk) {
+  close_sample(b);
+  for (auto& entry : b->run->records) {
+    if (entry.second.stall_ms >= alarm_ms(*b->run)) entry.second.stall_ms = 0;
+  }
+  b->ctx->sweep_way_known = way_known;
+  if (way_known) ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
+  b->ctx->pid = -1;
+  b->ctx->process.clear();
+  (void)line;
+}
+
+void set_way(Builder* b, bool proc_walk) {
+  if (b->ctx->sweep_way_known) return;
+  b->ctx->sweep_way_known = true;
+  ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
+}
+
+void setting(Builder* b, const std::string& key, const std::string& value) {
+  b->run->settings[key] = value;
+  if (key == kPropTimeout) {
+    b->run->timeout_s = atoll(value.c_str());
+    b->run->interval_ms = std::max<int64_t>(b->run->timeout_s * 250, 30000);
+  }
+}
+
+void daemon_line(Builder* b, const Line& line) {
+  const std::string& m = line.text;
+  if (m == "started") {
+    start_run(b, line, true);
+    return;
+  }
+  if (b->run == nullptr || b->run->pid != line.pid) {
+    size_t i = b->story.runs.size();
+    while (i > 0 && b->story.runs[i - 1].pid != line.pid) --i;
+    if (i == 0) {
+      start_run(b, line, false);  // its start is not in the log
+    } else {
+      b->run = &b->story.runs[i - 1];
+      b->ctx = &b->contexts[i - 1];
+    }
+  }
+  Run& run = *b->run;
+  ++run.lines;
+  int a = 0, c = 0;
+  unsigned u1 = 0, u2 = 0, u3 = 0, u4 = 0;
+  unsigned long long count = 0;
+  char state = 0, text[256] = {}, more[256] = {};
+  auto listing = b->ctx->listing;
+  b->ctx->listing = Context::kNone;
+  if (StartsWith(m, "get ")) {
+    size_t eq = m.find(" =");
+    if (eq != std::string::npos) setting(b, m.substr(4, eq - 4), m.substr(eq + 2));
+  } else if (sscanf(m.c_str(), "monitor %255s threads%c", text, &state) == 2 && state == ':') {
+    run.watches.push_back(std::string(text) + ":");
+    b->ctx->listing = Context::kThreads;
+  } else if (sscanf(m.c_str(), "monitor %255s main%c", text, &state) == 1) {
+    run.watches.push_back(std::string(text) + ": main thread");
+  } else if (m == "mTids:") {
+    b->ctx->listing = Context::kRecords;
+  } else if (listing != Context::kNone) {
+    if (listing == Context::kThreads && !run.watches.empty()) {
+      run.watches.back() += (run.watches.back().back() == ':' ? " " : ", ") + m;
+    }
+    b->ctx->listing = listing;
+  } else if (m == "[sh] cmd=ps -e |grep stall_ward") {
+    start_sweep(b, line, false, false);
+  } else if (m == "go through proc") {
+    if (b->ctx->sweep_way_known) start_sweep(b, line, true, true);
+    set_way(b, true);
+  } else if (StartsWith(m, "[sh] cmd=ps -e|grep ")) {
+    close_sample(b);
+    set_way(b, false);
+    b->ctx->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
+    b->ctx->pid = -1;
+  } else if (sscanf(m.c_str(), "[sh] cmd=ps -T -p %d", &a) == 1 ||
+             sscanf(m.c_str(), "reading /proc/%d/task/%d", &a, &c) == 2) {
+    close_sample(b);
+    b->ctx->pid = a;
+  } else if (sscanf(m.c_str(), "find monitored proc %d:%255s", &a, text) == 2) {
+    close_sample(b);
+    b->ctx->pid = a;
+    b->ctx->process = text;
+  } else if (sscanf(m.c_str(),
+                    "match=%d, tid=%u, comm=%255[^,], state=%c, ppid=%u, utime=%u, stime=%u", &a,
+                    &u1, text, &state, &u2, &u3, &u4) == 7) {
+    close_sample(b);
+    if (a != 6) return;
+    b->ctx->sample = Sample();
+    Sample& s = b->ctx->sample;
+    s.open = true;
+    s.comm = text;
+    s.tid = static_cast<int>(u1);
+    s.state = state;
+    s.ppid = static_cast<int>(u2);
+    s.cpu = static_cast<uint64_t>(u3) + u4;
+    s.line = line;
+  } else if (StartsWith(m, "find record for ")) {
+    if (b->ctx->sample.open && m.substr(16) == b->ctx->sample.comm) b->ctx->sample.looked_up = true;
+  } else if (sscanf(m.c_str(), "change tid=%u comm=%255s cmd=%255[^\n]", &u1, text, more) >= 2) {
+    b->ctx->sample.rebound = true;
+    b->ctx->sample.cmd = more;
+  } else if (sscanf(m.c_str(), "switches:%llu", &count) == 1) {
+    b->ctx->sample.watched = true;
+    b->ctx->sample.switches = count;
+    close_sample(b);
+  } else if (StartsWith(m, "Not monitor state=")) {
+    b->ctx->sample.watched = false;
+    close_sample(b);
+  } else if (StartsWith(m, "read schedstat failed")) {
+    b->ctx->sample.watched = true;
+    close_sample(b);
+  } else if (sscanf(m.c_str(), "thread %255s not star%c", text, &state) == 2 ||
+             sscanf(m.c_str(), "[sh] thread %255s not foun%c", text, &state) == 2) {
+    absent_thread(b, line, text, m[0] == '[');
+  } else if (sscanf(m.c_str(), "dumped %d %c", &a, &state) == 2) {
+    evidence(b, line, a, state);
+  } else if (sscanf(m.c_str(), "dumped %d", &a) == 1) {
+    evidence(b, line, a, 0);
+  } else if (sscanf(m.c_str(), "killing proc %d", &a) == 1) {
+    policy(b, line, a, "killed pid " + std::to_string(a));
+  } else if (m == "rebooting") {
+    policy(b, line, -1, "reboot");
+  } else if (m == "trigger crash according to policy") {
+    policy(b, line, -1, "kernel panic");
+  } else if (m == "nothing to do accroding to policy") {
+    policy(b, line, -1, "nothing (the policy is none)");
+  } else if (android::base::EndsWith(m, " proc not started") ||
+             android::base::EndsWith(m, " frozen")) {
+    close_sample(b);
+    bool frozen = android::base::EndsWith(m, " frozen");
+    std::string name = m.substr(0, m.rfind(frozen ? " frozen" : " proc not started"));
+    for (auto& entry : run.records) {  // a frozen record is logged by its comm, which may be cut
+      if (!StartsWith(entry.first, name)) continue;
+      Record& rec = entry.second;
+      const char* kind = frozen ? "frozen" : "not-started";
+      if (rec.marks.empty() || rec.marks.back().kind != kind) {
+        rec.marks.push_back(
+            mark(line, kind, frozen ? "in the cgroup freezer" : "process not running"));
+      }
+      break;
+    }
+  } else if (m == "Alarm! self stuck!") {
+    run.events.push_back(mark(line, "alarm",
+                              "the daemon's own loop did not come back within the "
+                              "timeout: SysRq w, l"));
+    b->asked.emplace_back(static_cast<int>(b->run - b->story.runs.data()),
+                          -1 - static_cast<int>(run.events.size() - 1));
+  } else if (sscanf(m.c_str(), "long time cost: %d", &a) == 1) {
+    run.events.push_back(mark(line, "slow", "a sweep took " + std::to_string(a) + " ms"));
+  } else if (m == "open sysrq failed!" || m == "init failed because of open proc" ||
+             StartsWith(m, "opendir ")) {
+    run.events.push_back(mark(line, "error", m));
+  }
+}
+
+// "watchdog        D    0  1301   1234 0x00000008" (4.14 to 5.4) or
+// "task:watchdog        state:D stack:0     pid:1301  ppid:1234   flags:0x00000008" (5.10 on,
+// with "tgid:" before "ppid:" in 6.x).
+bool parse_task(const std::string& text, KernelTask* task) {
+  std::string t = android::base::Trim(text);
+  if (StartsWith(t, "task:")) {
+    size_t state = t.find(" state:");
+    size_t pid = t.find(" pid:");
+    if (state == std::string::npos || pid == std::string::npos || state + 7 >= t.size())
+      return false;
+    task->comm = android::base::Trim(t.substr(5, state - 5));
+    task->state = t[state + 7];
+    task->pid = atoi(t.c_str() + pid + 5);
+    size_t ppid = t.find(" ppid:");
+    task->ppid = ppid == std::string::npos ? -1 : atoi(t.c_str() + ppid + 6);
+    return task->pid > 0;
+  }
+  std::vector<std::string> f = android::base::Split(t, " ");
+  f.erase(std::remove(f.begin(), f.end(), ""), f.end());
+  size_t n = f.size();
+  if (n < 6 || !StartsWith(f[n - 1], "0x") || f[n - 5].size() != 1) return false;
+  for (size_t i = n - 4; i < n - 1; ++i) {
+    if (f[i].find_first_not_of("0123456789") != std::string::npos) return false;
+  }
+  size_t state_at = t.rfind(" " + f[n - 5] + " ", t.find(" " + f[n - 4]));
+  task->comm = android::base::Trim(t.substr(0, state_at));
+  task->state = f[n - 5][0];
+  task->pid = atoi(f[n - 3].c_str());
+  task->ppid = atoi(f[n - 2].c_str());
+  return !task->comm.empty();
+}
+
+// " __switch_to+0x98/0xd8", " ? schedule+0x40/0xd0 [module]": the function's name.
+bool parse_frame(const std::string& text, std::string* function) {
+  std::string t = android::base::Trim(text);
+  if (StartsWith(t, "? ")) t = t.substr(2);
+  size_t plus = t.find("+0x");
+  if (plus == std::string::npos || plus == 0 || t.find('/', plus) == std::string::npos)
+    return false;
+  std::string name = t.substr(0, plus);
+  if (name.find_first_of(" :[") != std::string::npos) return false;
+  *function = name;
+  return true;
+}
+
+void kernel_text(Builder* b, const Line& line, const std::string& text) {
+  if (text.find("Show Blocked State") != std::string::npos) {
+    b->story.dumps.emplace_back();
+    b->dump = &b->story.dumps.back();
+    b->dump->clock = line.clock;
+    b->dump->ms = line.ms;
+    b->dump->uptime = line.uptime;
+    b->task = nullptr;
+    return;
+  }
+  if (b->dump == nullptr) return;
+  std::string t = android::base::Trim(text);
+  KernelTask task;
+  std::string function;
+  if (t.empty() || StartsWith(t, "task ") || StartsWith(t, "Call trace:") ||
+      StartsWith(t, "Call Trace:") || t == "<TASK>" || t == "</TASK>") {
+    return;
+  } else if (parse_task(t, &task)) {
+    b->dump->tasks.push_back(task);
+    b->task = &b->dump->tasks.back();
+  } else if (b->task != nullptr && parse_frame(t, &function)) {
+    b->task->stack.push_back(function);
+  } else {
+    b->dump = nullptr;  // the dump has ended
+    b->task = nullptr;
+  }
+}
+
+void add_line(Builder* b, const Line& line) {
+  if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
+    ++b->story.input.daemon;
+    daemon_line(b, line);
+    return;
+  }
+  if (line.kind == Line::kKernel) {
+    kernel_text(b, line, line.text);
+  } else if (line.kind == Line::kLogcat) {
+    // Kernel lines in logcat (-b kernel, -b all): the tag is the first word of the kernel's text.
+    kernel_text(b, line,
+                line.text.find("Show Blocked State") != std::string::npos || b->dump == nullptr ||
+                        parse_frame(line.text, nullptr)
+                    ? line.text
+                    : line.tag + " " + line.text);
+  }
+}
+
+// Each dump goes to what asked for it: with a wall clock (logcat) to the latest request at most
+// 10 s before it; with the time since boot only (dmesg), in order, counted from the last, since
+// a kernel log loses its oldest lines first.
+void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
+  std::vector<bool> taken(asked.size(), false);
+  auto when = [&](const std::pair<int, int>& a) {
+    const Run& run = story->runs[a.first];
+    return a.second >= 0 ? run.incidents[a.second].evidence_ms : run.events[-1 - a.second].ms;
+  };
+  auto give = [&](size_t i, size_t dump) {
+    taken[i] = true;
+    auto [r, which] = asked[i];
+    Run& run = story->runs[r];
+    if (which >= 0) {
+      run.incidents[which].dump = static_cast<int>(dump);
+      story->dumps[dump].answers = "evidence for " + run.incidents[which].record;
+    } else {
+      story->dumps[dump].answers = "the self-watchdog of stall_ward pid " + std::to_string(run.pid);
+    }
+  };
+  std::vector<size_t> by_uptime;
+  for (size_t d = 0; d < story->dumps.size(); ++d) {
+    if (story->dumps[d].ms < 0) {
+      by_uptime.push_back(d);
+      continue;
+    }
+    for (size_t i = asked.size(); i-- > 0;) {
+      int64_t at = when(asked[i]);
+      if (!taken[i] && at <= story->dumps[d].ms + 1000 && story->dumps[d].ms - at <= 10000) {
+        give(i, d);
+        break;
+      }
+    }
+  }
+  size_t i = asked.size();
+  for (size_t k = by_uptime.size(); k-- > 0;) {
+    while (i > 0 && taken[i - 1]) --i;
+    if (i == 0) break;
+    give(--i, by_uptime[k]);
+  }
+}
+
+}  // namespace
+
+Story build_story(const std::vector<std::string>& paths) {
+  Builder b;
+  // b.run, b.dump and b.task point at the last element of their vectors, set anew at each growth.
+  read_inputs(paths, &b.story.input, [&b](const Line& line) { add_line(&b, line); });
+  for (size_t i = 0; i < b.contexts.size(); ++i) {
+    b.run = &b.story.runs[i];
+    b.ctx = &b.contexts[i];
+    close_sample(&b);
+  }
+  attach_dumps(&b.story, b.asked);
+  return std::move(b.story);
+}
+
+}  // namespace report
