@@ -20,6 +20,7 @@
 struct DaemonRun {
   DaemonRun(const std::string& properties, const std::vector<Lines>& stand_ins = {},
             const Lines& env = {}, const std::string& more = "");  // more: run beside, in bash
+  ~DaemonRun();
   Lines messages() const { return log_messages(read_file(dir.path("log"))); }
   bool wait_for(const std::string& line, int timeout_ms, int times = 1) const;
   int count(const std::string& line) const { return ::count(messages(), line); }
@@ -32,7 +33,6 @@ struct DaemonRun {
   Child ns;
   std::vector<Lines> ids;
 };
-
 
 namespace {
 
@@ -69,19 +69,35 @@ DaemonRun::DaemonRun(const std::string& properties, const std::vector<Lines>& st
     script += "\n";
   }
   script += more + "\nenv LD_PRELOAD=" FAKETIME_LIB " 'FAKETIME=+0 x20' STALL_WARD_PROPERTIES=" +
-            sh_quote(dir.path("props")) + " STALL_WARD_SYSRQ_TRIGGER=" + sh_quote(dir.path("trigger"));
+            sh_quote(dir.path("props")) +
+            " STALL_WARD_SYSRQ_TRIGGER=" + sh_quote(dir.path("trigger"));
   for (const std::string& e : env) script += " " + sh_quote(e);
   script += " " STALL_WARD_PATH " 2>\"$DIR/log\" &\nwait\n";
-  std::string vars = "OUTER_NS=" + sh_quote(std::filesystem::read_symlink("/proc/self/ns/pid").string()) +
-                     " DIR=" + sh_quote(dir.dir) + " STAND_IN=" + sh_quote(stand_in_path()) + "\n";
-  ns = spawn("/usr/bin/unshare", {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc",
-                                  "/bin/bash", "-c", vars + script},
+  std::string vars =
+      "OUTER_NS=" + sh_quote(std::filesystem::read_symlink("/proc/self/ns/pid").string()) +
+      " DIR=" + sh_quote(dir.dir) + " STAND_IN=" + sh_quote(stand_in_path()) + "\n";
+  ns = spawn("/usr/bin/unshare",
+             {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "/bin/bash", "-c",
+              vars + script},
              dir.path("ns.log"));
   for (size_t k = 0; k < stand_ins.size(); ++k) {
     std::string out = dir.path(std::to_string(k) + ".out");
     eventually([&] { return !read_file(out).empty(); }, 6000);
     ids.push_back(android::base::Split(android::base::Trim(read_file(out)), " "));
   }
+}
+
+// With STALL_WARD_KEEP_LOGS=DIR the daemon's log is kept as DIR/<test>.log (then <test>-2.log...):
+// scripts/report-fixtures.sh makes the report tool's fixtures so.
+DaemonRun::~DaemonRun() {
+  const char* keep = getenv("STALL_WARD_KEEP_LOGS");
+  if (keep == nullptr) return;
+  std::string base =
+      std::string(keep) + "/" + testing::UnitTest::GetInstance()->current_test_info()->name();
+  std::string path = base + ".log";
+  for (int n = 2; std::filesystem::exists(path); ++n)
+    path = base + "-" + std::to_string(n) + ".log";
+  write_file(path, read_file(dir.path("log")));
 }
 
 bool DaemonRun::wait_for(const std::string& line, int timeout_ms, int times) const {
@@ -110,7 +126,8 @@ TEST(Binary, ParksWhenDisabledAndLogsInThreadtimeLayout) {
   // "MM-DD hh:mm:ss.mmm  pid  tid D stall_ward: started", the pid and tid those of the daemon
   std::string log = read_file(run.dir.path("log"));
   int pid = 0, tid = 0, end = 0;
-  sscanf(log.c_str(), "%*2u-%*2u %*2u:%*2u:%*2u.%*3u %d %d D stall_ward: started\n%n", &pid, &tid, &end);
+  sscanf(log.c_str(), "%*2u-%*2u %*2u:%*2u:%*2u.%*3u %d %d D stall_ward: started\n%n", &pid, &tid,
+         &end);
   EXPECT_TRUE(pid > 0 && pid == tid && end == static_cast<int>(log.size())) << log;
   EXPECT_EQ(run.ns.wait(0), -1) << "the daemon never exits";
 }
@@ -119,8 +136,9 @@ TEST(Binary, ParksWhenDisabledAndLogsInThreadtimeLayout) {
 // third sweep, the kill at the fifth; with debug off, the same without a line but "started".
 TEST(Scenario, ABlockedThreadGetsKernelDumpsThenTheKill) {
   for (bool debug : {true, false}) {
-    DaemonRun run(props("system_server:watchdog", "kill", debug ? "" : "persist.vendor.sw.debug=0\n"),
-                  {{"/system/bin/system_server", "--thread", "watchdog:D", "--signals", "@sig"}});
+    DaemonRun run(
+        props("system_server:watchdog", "kill", debug ? "" : "persist.vendor.sw.debug=0\n"),
+        {{"/system/bin/system_server", "--thread", "watchdog:D", "--signals", "@sig"}});
     EXPECT_TRUE(eventually([&] { return run.exit_status(0) == "137"; }, 2 * kWait)) << debug;
     Lines m = run.messages();
     EXPECT_EQ(run.trigger.commands(), (Lines{"w", "l"}));
@@ -151,7 +169,8 @@ TEST(Scenario, AZombieMainThreadIsFoundThroughPsAndItsParentAnswers) {
   Lines m = run.messages();
   EXPECT_GE(count(m, "I [sh] cmd=ps -e |grep stall_ward"), 5);
   EXPECT_EQ(count_prefix(m, "I [sh] sw="), count(m, "I [sh] cmd=ps -e |grep stall_ward"));
-  EXPECT_EQ(count_prefix(m, "I [sh] sw=") - count_prefix(m, "I [sh] sw=0"), count_prefix(m, "I [sh] sw="));
+  EXPECT_EQ(count_prefix(m, "I [sh] sw=") - count_prefix(m, "I [sh] sw=0"),
+            count_prefix(m, "I [sh] sw="));
   EXPECT_EQ(count(m, "I go through proc"), 0) << "the /proc walk would pass a zombie leader by";
   EXPECT_EQ(count(m, "I dumped " + run.pid(0) + " Z"), 1);
   EXPECT_EQ(run.signals(0), "sig=35\n");
@@ -172,11 +191,13 @@ TEST(Scenario, RebootEndsTheInitOfThePidNamespace) {
 }
 
 TEST(Fault, AHangingPsFiresTheSelfWatchdogAndTheDaemonCarriesOn) {
-  DaemonRun run(props("init"), {}, {"PATH=" + std::string(ANDROID_PS_DIR) + "/hang:" + getenv("PATH")});
+  DaemonRun run(props("init"), {},
+                {"PATH=" + std::string(ANDROID_PS_DIR) + "/hang:" + getenv("PATH")});
   // ps hangs 4 s of real time; the alarm comes after 60 s / 20 = 3 s.
   ASSERT_TRUE(run.wait_for("E Alarm! self stuck!", 20000));
   EXPECT_EQ(run.trigger.commands(2, 2000), (Lines{"w", "l"}));
-  EXPECT_TRUE(eventually([&] { return count_prefix(run.messages(), "E long time cost: ") > 0; }, 20000));
+  EXPECT_TRUE(
+      eventually([&] { return count_prefix(run.messages(), "E long time cost: ") > 0; }, 20000));
   int sweeps = run.count("I close proc");
   EXPECT_TRUE(run.wait_for("I close proc", 20000, sweeps + 1)) << "sweeps go on after ps returns";
 }
@@ -218,8 +239,9 @@ TEST(Soak, ThousandSweepsOfChurnLeaveTheDaemonFlatAndOnTime) {
         "watchdog:$( ((i % 3)) && echo S || echo N)" --life $((5 + i % 60)) "${z[@]}" >/dev/null &)
       sleep 0.005
     done &)sh";
-  DaemonRun run("persist.vendor.sw.enable=1\npersist.vendor.sw.processes=churn:watchdog stuck:wedged\n",
-                {{"/system/bin/stuck", "--thread", "wedged:D"}}, {"FAKETIME=+0 x100"}, churn);
+  DaemonRun run(
+      "persist.vendor.sw.enable=1\npersist.vendor.sw.processes=churn:watchdog stuck:wedged\n",
+      {{"/system/bin/stuck", "--thread", "wedged:D"}}, {"FAKETIME=+0 x100"}, churn);
   ASSERT_TRUE(run.wait_for("I close proc", 60000, 3));
   const std::string pid = daemon_host_pid(run);
   const size_t fds_start = open_fds(pid);

@@ -65,12 +65,13 @@ bool parse_logcat(const std::string& raw, Line* line) {
   std::string rest = raw.substr(pos);
   size_t colon = rest.find(": ");
   if (colon == std::string::npos && !rest.empty() && rest.back() == ':') colon = rest.size() - 1;
+  if (colon == std::string::npos) return false;  // cut short before its message
   line->kind = Line::kLogcat;
   line->clock = raw.substr(at, 18);
   line->ms = ms;
   line->uptime = -1;
   line->tag = android::base::Trim(rest.substr(0, colon));
-  line->text = colon == std::string::npos ? "" : rest.substr(std::min(colon + 2, rest.size()));
+  line->text = rest.substr(std::min(colon + 2, rest.size()));
   return true;
 }
 
@@ -144,6 +145,7 @@ struct SectionFilter {
   bool bugreport = false;
   bool in_log = false;
   bool wants(const std::string& l) {
+    if (android::base::StartsWith(l, "========")) return false;  // a bug report's first line
     if (android::base::StartsWith(l, "== dumpstate:")) {
       bugreport = true;
       return false;

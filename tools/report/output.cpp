@@ -75,9 +75,12 @@ constexpr const char kQuiet[] =
     "The kernel log still shows each SysRq dump it asked for.";
 
 std::string incident_text(const Story& story, const Incident& in) {
-  std::string s = StringPrintf("`%s` of `%s` (pid %d, tid %d) %s", in.record.c_str(),
-                               in.process.empty() ? "?" : in.process.c_str(), in.pid, in.tid,
-                               state_words(in.state).c_str());
+  std::string s = in.record == in.process
+                      ? StringPrintf("`%s` (main thread, pid %d) %s", in.record.c_str(), in.pid,
+                                     state_words(in.state).c_str())
+                      : StringPrintf("`%s` of `%s` (pid %d, tid %d) %s", in.record.c_str(),
+                                     in.process.empty() ? "?" : in.process.c_str(), in.pid, in.tid,
+                                     state_words(in.state).c_str());
   if (!in.since.empty()) s += " from " + hms(in.since);
   s += "; evidence " + (in.evidence.empty() ? std::string("not in the log")
                                             : hms(in.evidence_clock) + " (" + in.evidence + ")");

@@ -406,8 +406,7 @@ void daemon_line(Builder* b, const Line& line) {
 // "watchdog        D    0  1301   1234 0x00000008" (4.14 to 5.4) or
 // "task:watchdog        state:D stack:0     pid:1301  ppid:1234   flags:0x00000008" (5.10 on,
 // with "tgid:" before "ppid:" in 6.x).
-bool parse_task(const std::string& text, KernelTask* task) {
-  std::string t = android::base::Trim(text);
+bool parse_task(const std::string& t, KernelTask* task) {
   if (StartsWith(t, "task:")) {
     size_t state = t.find(" state:");
     size_t pid = t.find(" pid:");
@@ -437,7 +436,7 @@ bool parse_task(const std::string& text, KernelTask* task) {
 
 // " __switch_to+0x98/0xd8", " ? schedule+0x40/0xd0 [module]": the function's name.
 bool parse_frame(const std::string& text, std::string* function) {
-  std::string t = android::base::Trim(text);
+  std::string t = text;
   if (StartsWith(t, "? ")) t = t.substr(2);
   size_t plus = t.find("+0x");
   if (plus == std::string::npos || plus == 0 || t.find('/', plus) == std::string::npos)
@@ -448,27 +447,42 @@ bool parse_frame(const std::string& text, std::string* function) {
   return true;
 }
 
-void kernel_text(Builder* b, const Line& line, const std::string& text) {
-  if (text.find("Show Blocked State") != std::string::npos) {
+enum KernelKind { kNotDump, kDumpStart, kDumpNoise, kTask, kFrame };
+
+KernelKind classify(const std::string& text, KernelTask* task, std::string* function) {
+  std::string t = android::base::Trim(text);
+  if (t.find("Show Blocked State") != std::string::npos) return kDumpStart;
+  if (t.empty() || StartsWith(t, "task ") || StartsWith(t, "Call trace") ||
+      StartsWith(t, "Call Trace") || t == "<TASK>" || t == "</TASK>") {
+    return kDumpNoise;
+  }
+  if (parse_task(t, task)) return kTask;
+  if (parse_frame(t, function)) return kFrame;
+  return kNotDump;
+}
+
+// One kernel line; `texts` are the ways to read it, the first that belongs to a dump counts (a
+// kernel line that came through logcat has had its first word taken for a tag).
+void kernel_text(Builder* b, const Line& line, const std::vector<std::string>& texts) {
+  KernelTask task;
+  std::string function;
+  KernelKind kind = kNotDump;
+  for (const std::string& text : texts) {
+    if ((kind = classify(text, &task, &function)) != kNotDump) break;
+  }
+  if (kind == kDumpStart) {
     b->story.dumps.emplace_back();
     b->dump = &b->story.dumps.back();
     b->dump->clock = line.clock;
     b->dump->ms = line.ms;
     b->dump->uptime = line.uptime;
     b->task = nullptr;
+  } else if (b->dump == nullptr || kind == kDumpNoise) {
     return;
-  }
-  if (b->dump == nullptr) return;
-  std::string t = android::base::Trim(text);
-  KernelTask task;
-  std::string function;
-  if (t.empty() || StartsWith(t, "task ") || StartsWith(t, "Call trace:") ||
-      StartsWith(t, "Call Trace:") || t == "<TASK>" || t == "</TASK>") {
-    return;
-  } else if (parse_task(t, &task)) {
+  } else if (kind == kTask) {
     b->dump->tasks.push_back(task);
     b->task = &b->dump->tasks.back();
-  } else if (b->task != nullptr && parse_frame(t, &function)) {
+  } else if (kind == kFrame && b->task != nullptr) {
     b->task->stack.push_back(function);
   } else {
     b->dump = nullptr;  // the dump has ended
@@ -480,17 +494,10 @@ void add_line(Builder* b, const Line& line) {
   if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
     ++b->story.input.daemon;
     daemon_line(b, line);
-    return;
-  }
-  if (line.kind == Line::kKernel) {
-    kernel_text(b, line, line.text);
+  } else if (line.kind == Line::kKernel) {
+    kernel_text(b, line, {line.text});
   } else if (line.kind == Line::kLogcat) {
-    // Kernel lines in logcat (-b kernel, -b all): the tag is the first word of the kernel's text.
-    kernel_text(b, line,
-                line.text.find("Show Blocked State") != std::string::npos || b->dump == nullptr ||
-                        parse_frame(line.text, nullptr)
-                    ? line.text
-                    : line.tag + " " + line.text);
+    kernel_text(b, line, {line.tag + ": " + line.text, line.tag + " " + line.text, line.text});
   }
 }
 
