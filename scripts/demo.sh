@@ -3,7 +3,8 @@
 # wedges in uninterruptible sleep after a few seconds) and surfaceflinger, and stall_ward with its
 # default configuration plus enable=true and policy=kill. Its log is shown as it happens: the
 # sweeps, the evidence at the first expiry (SysRq w and l), and the kill one timeout later. It
-# ends with stall_ward_check's report on the same configuration.
+# ends with stall_ward_check's report on the same configuration and stall_ward_report's account
+# of the run (and its page, build/demo-report.html).
 #
 #   scripts/demo.sh              time runs 20 times faster for the daemon (about 20 s in all)
 #   scripts/demo.sh --real-time  the daemon's own pace (about 5 minutes)
@@ -74,6 +75,9 @@ cp "$work/log" build/demo.log
 echo
 echo "== stall_ward_check on the demo's configuration"
 STALL_WARD_PROPERTIES="$work/props" build/stall_ward_check || true
+echo
+echo "== stall_ward_report on the demo's log (the page: build/demo-report.html)"
+build/stall_ward_report --html build/demo-report.html build/demo.log
 echo
 if [ "$killed" -eq 1 ] && ! kill -0 "$system_server" 2>/dev/null; then
   echo "system_server stand-in (pid $system_server) was killed by stall_ward;" \
