@@ -2,6 +2,8 @@
 #include <android-base/file.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <time.h>
 
 #include "report/report.h"
 
@@ -31,6 +33,7 @@ static const char kHelp[] =
     "               stall count by sweep, marks for evidence, action, rebinds, frozen and\n"
     "               not-started spells), the incidents, and each kernel stack beside its evidence\n"
     "  --json       print JSON instead of the text account\n"
+    "  --stats      end with the time taken and the peak memory, on stderr\n"
     "\n"
     "With the daemon's debug logging off (persist.vendor.sw.debug=0) its log holds only its "
     "start;\n"
@@ -40,13 +43,17 @@ static const char kHelp[] =
 int main(int argc, char** argv) {
   std::vector<std::string> inputs;
   std::string html;
-  bool json = false;
+  bool json = false, stats = false;
+  timespec start = {};
+  clock_gettime(CLOCK_MONOTONIC, &start);
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
       fputs(kHelp, stdout);
       return 0;
     } else if (strcmp(argv[i], "--json") == 0) {
       json = true;
+    } else if (strcmp(argv[i], "--stats") == 0) {
+      stats = true;
     } else if (strcmp(argv[i], "--html") == 0 && i + 1 < argc) {
       html = argv[++i];
     } else {
@@ -62,6 +69,15 @@ int main(int argc, char** argv) {
   if (!html.empty() && !android::base::WriteStringToFile(report::html_report(story), html)) {
     fprintf(stderr, "stall_ward_report: cannot write %s\n", html.c_str());
     return 2;
+  }
+  if (stats) {
+    timespec end = {};
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    fprintf(stderr, "stall_ward_report: %.2f s, peak memory %ld KiB\n",
+            static_cast<double>(end.tv_sec - start.tv_sec) + (end.tv_nsec - start.tv_nsec) / 1e9,
+            usage.ru_maxrss);
   }
   return story.input.errors.empty() ? 0 : 2;
 }
