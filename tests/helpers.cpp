@@ -152,16 +152,6 @@ StandIn start_stand_in(const Lines& argv) {
   return s;
 }
 
-bool wait_for_state(pid_t pid, pid_t tid, char state) {
-  return eventually(
-      [&] {
-        std::string stat = read_file(task_path(pid, tid) + "/stat");
-        size_t paren = stat.rfind(')');
-        return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] == state;
-      },
-      5000);
-}
-
 std::string stand_in_path() {
   if (STAND_IN_PATH[0] != '\0') return STAND_IN_PATH;
   std::string self = std::filesystem::read_symlink("/proc/self/exe");  // a device: beside us

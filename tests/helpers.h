@@ -88,7 +88,6 @@ struct StandIn {
   std::vector<pid_t> tids;
 };
 StandIn start_stand_in(const Lines& argv);
-bool wait_for_state(pid_t pid, pid_t tid, char state);
 std::string stand_in_path();
 
 // A FIFO standing in for /proc/sysrq-trigger, held open for reading and writing so writers never

@@ -109,37 +109,6 @@ INSTANTIATE_TEST_SUITE_P(Cases, Scan, testing::Values(
     [](const testing::TestParamInfo<ScanCase>& info) { return std::string(info.param.name); });
 // clang-format on
 
-TEST(Policy, ActsAndLogsAsConfigured) {
-  const char kNothing[] = "I nothing to do accroding to policy";
-  const std::tuple<int, bool, Lines, bool> cases[] = {
-      // policy, debug, log ("$PID": the target), killed
-      {POLICY_KILL, true, {"I killing proc $PID"}, true},
-      {POLICY_KILL, false, {}, true},
-      {POLICY_REBOOT, true, {"I rebooting", "E android_reboot refused"}, false},
-      {POLICY_NOTHING, true, {kNothing}, false},
-      {POLICY_NOTHING, false, {}, false},
-      {7, true, {kNothing}, false},
-      {-1, true, {kNothing}, false}};
-  for (const auto& [code, debug, want, kills] : cases) {
-    reset_daemon(debug);
-    policy = code;
-    StandIn target = start_stand_in({"target"});
-    ASSERT_GT(target.pid, 0);
-    LogCapture log;
-    handle_policy(target.pid);
-    Lines got = log.messages();
-    for (std::string& l : got) l = l.substr(0, l.find(':'));  // a refusal says why after ':'
-    Lines expected;
-    for (std::string l : want) {
-      if (l.find("$PID") != std::string::npos) l.replace(l.find("$PID"), 4, std::to_string(target.pid));
-      expected.push_back(l);
-    }
-    EXPECT_EQ(got, expected) << code;
-    int status = target.child.wait(kills ? 5000 : 200);
-    EXPECT_EQ(kills, WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << code;
-  }
-}
-
 TEST(Policy, PanicDumpsWaitsThreeSecondsThenCrashes) {
   if (UNDER_EMULATION) GTEST_SKIP() << "under qemu-user this test's second thread hangs";
   Trigger trigger;

@@ -41,7 +41,8 @@ watching threads that sleep by design in an app process, where sleep counts as a
            thread's id and state, whether the process is an app (so that S counts), the answer of
            the ps self-test for the running daemon (which way its sweeps take), and the findings
            only a live system shows: two processes of one name, a watched thread that does not
-           exist, a name the kernel truncates, a zombie group leader.
+           exist, a name the kernel truncates, a zombie group leader, and, when the sweeps take
+           the ps way, a listed process that is not running after one that is.
   --help   this text
 
 Exit status: 0 no finding, 1 warnings only, 2 errors.
@@ -124,8 +125,9 @@ void check_settings(int timeout, const std::string& policy_text) {
       for (const std::string& full : kBlankNames) {
         if (m.has_threads && full.substr(0, full.find(' ')) == name) {
           report(true, entry,
-                 "\"" + full + "\" matches by its first word in the task walk but never the "
-                 "record, so it counts as never started",
+                 "\"" + full +
+                     "\" matches by its first word in the task walk but never the "
+                     "record, so it counts as never started",
                  "a thread whose name has no blank");
         }
       }
@@ -182,8 +184,9 @@ void check_live() {
     }
     if (pids.size() > 1) {
       report(true, m.name,
-             std::to_string(pids.size()) + " processes of this name share each record: every "
-             "sweep rebinds it, so a stall is never reported",
+             std::to_string(pids.size()) +
+                 " processes of this name share each record: every "
+                 "sweep rebinds it, so a stall is never reported",
              "a process name only one process has");
     }
     for (const std::string& pid : pids) {
@@ -201,7 +204,8 @@ void check_live() {
           std::string comm = trimmed("/proc/" + pid + "/comm");
           printf("      main thread %s (%s) %c\n", pid.c_str(), comm.c_str(), f.state);
           if (comm != m.name) {
-            report(true, entry, "the main thread is called \"" + comm + "\": the record never binds",
+            report(true, entry,
+                   "the main thread is called \"" + comm + "\": the record never binds",
                    comm + ":" + comm);
           }
           continue;
@@ -218,19 +222,23 @@ void check_live() {
             printf("      %s: tid %s %c\n", name.c_str(), t->d_name, thread_state(task));
           } else if (get_comm(task) == name) {
             report(true, entry,
-                   "tid " + std::string(t->d_name) + " is \"" + comm + "\": the task walk takes "
-                   "it for " + name + " but the record lookup does not, so it counts as never started",
+                   "tid " + std::string(t->d_name) + " is \"" + comm +
+                       "\": the task walk takes "
+                       "it for " +
+                       name + " but the record lookup does not, so it counts as never started",
                    "a thread whose name has no blank");
           } else if (name.size() > kCommMax && comm == name.substr(0, kCommMax)) {
-            report(true, entry, "the kernel truncates this name to \"" + comm + "\" (tid " +
-                                    t->d_name + ")", m.name + ":" + comm);
+            report(true, entry,
+                   "the kernel truncates this name to \"" + comm + "\" (tid " + t->d_name + ")",
+                   m.name + ":" + comm);
           }
         }
         if (!found) {
           printf("      %s: no such thread\n", name.c_str());
           report(true, entry,
-                 "no thread of this name in pid " + pid + ": it counts as stalled, and gets "
-                 "evidence and the policy",
+                 "no thread of this name in pid " + pid +
+                     ": it counts as stalled, and gets "
+                     "evidence and the policy",
                  "a thread name from /proc/" + pid + "/task/*/comm");
         }
       }
@@ -247,8 +255,24 @@ void check_live() {
   std::string printed;
   int verdict = ps_self_test(out, daemons[0], &printed);
   printf("  ps self-test for stall_ward (pid %s): %s\n", daemons[0].c_str(),
-         verdict == 1 ? "passes: sweeps find processes through ps"
-                      : "fails: sweeps walk /proc");
+         verdict == 1 ? "passes: sweeps find processes through ps" : "fails: sweeps walk /proc");
+  if (verdict != 1) return;
+  // The ps way keeps one lookup result for all entries, and a process it does not find leaves it
+  // as it was: an entry whose process is missing works on the last process found before it.
+  std::string last;
+  for (const monitor_info& m : monitor_list) {
+    if (!by_name[m.name].empty()) {
+      last = m.name + " (pid " + by_name[m.name][0] + ")";
+    } else if (!last.empty()) {
+      report(true, m.name,
+             "not running while the sweeps take the ps way: the entry works on what the lookup "
+             "of " +
+                 last +
+                 " left, so that process is read again, its stall counts grow by "
+                 "extra intervals, and this entry's threads may be bound to it and acted on there",
+             "list only processes that run, or put this entry before every other");
+    }
+  }
 }
 
 }  // namespace
@@ -282,8 +306,9 @@ int main(int argc, char** argv) {
   for (const monitor_info& m : monitor_list) {
     std::vector<std::string> threads(m.threads.begin(), m.threads.end());
     std::sort(threads.begin(), threads.end());
-    printf("    %s: %s\n", m.name.c_str(),
-           m.has_threads ? ("threads " + android::base::Join(threads, ", ")).c_str() : "main thread");
+    printf(
+        "    %s: %s\n", m.name.c_str(),
+        m.has_threads ? ("threads " + android::base::Join(threads, ", ")).c_str() : "main thread");
   }
   std::vector<std::string> records;
   for (const auto& entry : mTids) records.push_back(entry.first);
