@@ -46,22 +46,17 @@ TEST(Startup, ConfiguresFromProperties) {
   EXPECT_FALSE(stall_ward_init()) << "disabled unless enabled";
 }
 
-TEST(Pacing, SweepsOncePerIntervalAndWaitsOutTheRest) {
+TEST(Pacing, WaitsOutTheRestOfTheInterval) {
   // After a sweep: the rest of the interval less how late it started, at least 1 s.
   const std::tuple<int64_t, int64_t, uint64_t> waits[] = {
       {400, 0, 29600}, {29500, 0, 500}, {31000, 0, 1000}, {200, 29500, 1000}, {10001, 19999, 0}};
   reset_daemon(true, 30000);
   for (const auto& [cost, overrun, wait] : waits) EXPECT_EQ(next_wait(cost, overrun), wait);
-  for (const auto& [ago, sweeps] : {std::pair{10, 0}, {35, 1}}) {
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &last_check);
-    last_check.tv_sec -= ago;
-    LogCapture log;
-    int64_t wait = static_cast<int64_t>(stall_wrad_check());
-    alarm(0);
-    EXPECT_EQ(log.count("I go through proc"), sweeps);
-    int64_t due = sweeps ? 30000 - 5000 : 20000;  // 5 s late, or 20 s still to go
-    EXPECT_TRUE(wait <= due && wait > due - 1000) << ago << ": " << wait;
-  }
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &last_check);  // between sweeps: what is left
+  last_check.tv_sec -= 10;
+  uint64_t left = stall_wrad_check();
+  alarm(0);
+  EXPECT_TRUE(left <= 20000 && left > 19000) << left;
 }
 
 TEST(Properties, AFileOthersCouldChangeIsRefused) {

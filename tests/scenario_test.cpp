@@ -118,20 +118,6 @@ std::string props(const std::string& processes, const std::string& policy = "kil
          policy + "\npersist.vendor.sw.processes=" + processes + "\n" + more;
 }
 
-TEST(Binary, ParksWhenDisabledAndLogsInThreadtimeLayout) {
-  DaemonRun run("");
-  ASSERT_TRUE(run.wait_for("D started", 3000));
-  sleep_ms(500);
-  EXPECT_EQ(run.messages(), Lines{"D started"});
-  // "MM-DD hh:mm:ss.mmm  pid  tid D stall_ward: started", the pid and tid those of the daemon
-  std::string log = read_file(run.dir.path("log"));
-  int pid = 0, tid = 0, end = 0;
-  sscanf(log.c_str(), "%*2u-%*2u %*2u:%*2u:%*2u.%*3u %d %d D stall_ward: started\n%n", &pid, &tid,
-         &end);
-  EXPECT_TRUE(pid > 0 && pid == tid && end == static_cast<int>(log.size())) << log;
-  EXPECT_EQ(run.ns.wait(0), -1) << "the daemon never exits";
-}
-
 // A thread blocked in the kernel (D) from the start, found by the /proc walk: kernel dumps at the
 // third sweep, the kill at the fifth; with debug off, the same without a line but "started".
 TEST(Scenario, ABlockedThreadGetsKernelDumpsThenTheKill) {
