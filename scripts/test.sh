@@ -4,7 +4,8 @@
 #   scripts/test.sh              the host suites and the device checks
 #   scripts/test.sh --host-only  the host suites alone
 #   scripts/test.sh --full       everything: also the soak (1,000 sweeps under churn), every
-#                                suite again built with ASan and UBSan, every fuzzer for 60 s
+#                                suite again built with ASan and UBSan, every fuzzer for 60 s,
+#                                and the mutation check
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 mode=${1:-}
@@ -25,3 +26,6 @@ ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 UBSAN_OPTIONS=print_stacktr
 
 echo "== the fuzzers"
 scripts/fuzz.sh 60
+
+echo "== the mutation check: every listed one-line fault must be caught"
+scripts/mutants.sh

@@ -96,7 +96,8 @@ TEST(LiveThread, ARecordBindsToTheThreadSampledButTakesThePidOnlyForIt) {
   StandIn second = start_stand_in({"/vendor/bin/second", "--thread", thread + ":D"});
   pid_info info = {first.tids.at(0), first.pid, -1};
   get_stat(&info, task_path(first.pid, first.tids.at(0)));
-  get_stat(&info, task_path(second.pid, second.tids.at(0)));  // info names another thread
+  info.pid = 4242;  // what a lookup of first's thread left, sampling second's
+  get_stat(&info, task_path(second.pid, second.tids.at(0)));
   const proc& rec = mTids.at(thread);
   EXPECT_EQ(rec.tid, static_cast<uint32_t>(second.tids.at(0)));
   EXPECT_EQ(rec.pid, static_cast<uint32_t>(first.pid));
