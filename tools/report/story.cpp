@@ -49,12 +49,19 @@ struct Builder {
   Context* ctx = nullptr;
   KernelDump* dump = nullptr;  // open while a SysRq w answer is being read
   KernelTask* task = nullptr;
-  std::vector<std::pair<int, int>> asked;  // (run, incident) that asked for a dump; -1: alarm
-  std::vector<const Mark*> alarms;
+  // What asked the kernel for a dump, in order: (run, incident), or (run, -1 - event) for the
+  // self-watchdog.
+  std::vector<std::pair<int, int>> asked;
 };
 
 Mark mark(const Line& line, const char* kind, const std::string& text) {
   return Mark{line.ms, line.clock, kind, text};
+}
+
+// The daemon's pacing from its timeout: a sweep every quarter of it, at least every 30 s.
+void set_timeout(Run* run, int64_t timeout_s) {
+  run->timeout_s = timeout_s;
+  run->interval_ms = std::max<int64_t>(timeout_s * 250, 30000);
 }
 
 void start_run(Builder* b, const Line& line, bool started) {
@@ -64,8 +71,11 @@ void start_run(Builder* b, const Line& line, bool started) {
   b->ctx = &b->contexts.back();
   b->run->pid = line.pid;
   if (started) b->run->started = line.clock;
-  b->run->timeout_s = kDefaultTimeout;
-  b->run->interval_ms = std::max<int64_t>(kDefaultTimeout * 250LL, 30000);
+  set_timeout(b->run, kDefaultTimeout);
+}
+
+int run_index(const Builder* b) {
+  return static_cast<int>(b->run - b->story.runs.data());
 }
 
 Record& record(Builder* b, const std::string& name) {
@@ -218,7 +228,7 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
   add_point(rec, line, was);
   rec->marks.push_back(mark(line, "evidence", what));
   if (was == 'D' || was == 'Z') {
-    b->asked.emplace_back(static_cast<int>(b->run - b->story.runs.data()), rec->incident);
+    b->asked.emplace_back(run_index(b), rec->incident);
   }
 }
 
@@ -241,13 +251,13 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   add_point(rec, line, seen(*rec));
   rec->marks.push_back(mark(line, "policy", what));
   if (what == "kernel panic") {
-    b->asked.emplace_back(static_cast<int>(b->run - b->story.runs.data()), rec->incident);
+    b->asked.emplace_back(run_index(b), rec->incident);
   }
 }
 
 // The end of a sweep's judgment, seen at the start of the next sweep: the daemon has set back
 // every count that reached the timeout.
-void start_sweep(Builder* b, const Line& line, bool way_known, bool proc_walk) {
+void start_sweep(Builder* b, bool way_known, bool proc_walk) {
   close_sample(b);
   for (auto& entry : b->run->records) {
     if (entry.second.stall_ms >= alarm_ms(*b->run)) entry.second.stall_ms = 0;
@@ -256,7 +266,6 @@ void start_sweep(Builder* b, const Line& line, bool way_known, bool proc_walk) {
   if (way_known) ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
   b->ctx->pid = -1;
   b->ctx->process.clear();
-  (void)line;
 }
 
 void set_way(Builder* b, bool proc_walk) {
@@ -267,10 +276,7 @@ void set_way(Builder* b, bool proc_walk) {
 
 void setting(Builder* b, const std::string& key, const std::string& value) {
   b->run->settings[key] = value;
-  if (key == kPropTimeout) {
-    b->run->timeout_s = atoll(value.c_str());
-    b->run->interval_ms = std::max<int64_t>(b->run->timeout_s * 250, 30000);
-  }
+  if (key == kPropTimeout) set_timeout(b->run, atoll(value.c_str()));
 }
 
 void daemon_line(Builder* b, const Line& line) {
@@ -313,9 +319,9 @@ void daemon_line(Builder* b, const Line& line) {
     }
     b->ctx->listing = listing;
   } else if (m == "[sh] cmd=ps -e |grep stall_ward") {
-    start_sweep(b, line, false, false);
+    start_sweep(b, false, false);
   } else if (m == "go through proc") {
-    if (b->ctx->sweep_way_known) start_sweep(b, line, true, true);
+    if (b->ctx->sweep_way_known) start_sweep(b, true, true);
     set_way(b, true);
   } else if (StartsWith(m, "[sh] cmd=ps -e|grep ")) {
     close_sample(b);
@@ -393,8 +399,7 @@ void daemon_line(Builder* b, const Line& line) {
     run.events.push_back(mark(line, "alarm",
                               "the daemon's own loop did not come back within the "
                               "timeout: SysRq w, l"));
-    b->asked.emplace_back(static_cast<int>(b->run - b->story.runs.data()),
-                          -1 - static_cast<int>(run.events.size() - 1));
+    b->asked.emplace_back(run_index(b), -1 - static_cast<int>(run.events.size() - 1));
   } else if (sscanf(m.c_str(), "long time cost: %d", &a) == 1) {
     run.events.push_back(mark(line, "slow", "a sweep took " + std::to_string(a) + " ms"));
   } else if (m == "open sysrq failed!" || m == "init failed because of open proc" ||
