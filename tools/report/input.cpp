@@ -69,7 +69,6 @@ bool parse_logcat(const std::string& raw, Line* line) {
   line->kind = Line::kLogcat;
   line->clock = raw.substr(at, 18);
   line->ms = ms;
-  line->uptime = -1;
   line->tag = android::base::Trim(rest.substr(0, colon));
   line->text = rest.substr(std::min(colon + 2, rest.size()));
   return true;
@@ -87,7 +86,7 @@ bool parse_kernel(const std::string& raw, Line* line) {
   if (close == std::string::npos) return false;
   char* end = nullptr;
   std::string stamp = raw.substr(at + 1, close - at - 1);
-  double uptime = strtod(stamp.c_str(), &end);
+  strtod(stamp.c_str(), &end);  // seconds since boot
   if (end == stamp.c_str() || !android::base::Trim(std::string(end)).empty()) return false;
   size_t text = close + 1;
   // A caller field ("[  T1301]" or "[T1301]") from kernels built with CONFIG_PRINTK_CALLER.
@@ -105,7 +104,6 @@ bool parse_kernel(const std::string& raw, Line* line) {
   line->kind = Line::kKernel;
   line->clock = "[" + android::base::Trim(stamp) + "]";
   line->ms = -1;
-  line->uptime = uptime;
   line->pid = line->tid = 0;
   line->tag.clear();
   line->text = raw.substr(text);

@@ -335,11 +335,8 @@ std::string json_report(const Story& story) {
         points.push_back({p.ms, std::string(1, p.state), p.stall_ms});
       for (const Mark& m : rec.marks)
         marks.push_back({{"clock", m.clock}, {"kind", m.kind}, {"text", m.text}});
-      r["records"][rec.name] = {{"process", rec.process},
-                                {"pid", rec.pid},
-                                {"tid", rec.tid},
-                                {"points", points},
-                                {"marks", marks}};
+      r["records"][rec.name] = {{"process", rec.process}, {"cmd", rec.cmd},   {"pid", rec.pid},
+                                {"tid", rec.tid},         {"points", points}, {"marks", marks}};
     }
     for (const Incident& in : run.incidents) {
       r["incidents"].push_back({{"record", in.record},

@@ -18,7 +18,6 @@ struct Line {
   enum Kind { kOther, kLogcat, kKernel } kind = kOther;
   std::string clock;     // logcat: "MM-DD hh:mm:ss.mmm" as printed; kernel: "[uptime]"
   int64_t ms = -1;       // logcat: milliseconds since the start of the year, -1 if unknown
-  double uptime = -1;    // kernel (dmesg): seconds since boot, -1 if unknown
   int pid = 0, tid = 0;  // logcat
   std::string tag;       // logcat
   std::string text;      // logcat: the message; kernel: the text after the time stamp
@@ -49,8 +48,7 @@ struct KernelTask {
 };
 struct KernelDump {
   std::string clock;  // as the log printed it
-  int64_t ms = -1;    // when the kernel lines came through logcat
-  double uptime = -1;
+  int64_t ms = -1;    // when the kernel lines came through logcat; -1: dmesg's time since boot
   std::vector<KernelTask> tasks;
   std::string answers;  // what the daemon did that asked for it, once attached
 };
@@ -71,9 +69,8 @@ struct Incident {
   int pid = -1, tid = -1;
   char state = '?';
   std::string since, evidence_clock, evidence, action_clock, action;
-  int64_t evidence_ms = -1, action_ms = -1;
+  int64_t evidence_ms = -1;
   int dump = -1;  // index into Story::dumps of the kernel dump taken as evidence
-  bool pending = false;
 };
 
 // The daemon's reconstruction of one watched name (a thread name, or a process watched by its
@@ -84,7 +81,6 @@ struct Record {
   char state = '?';
   uint64_t cpu = 0, switches = 0;
   int64_t stall_ms = 0;
-  int64_t since_ms = -1;
   std::string since_clock;
   bool reported = false;
   int incident = -1;  // index into Run::incidents of the open incident

@@ -98,7 +98,6 @@ void add_point(Record* rec, const Line& line, char state) {
 }
 
 void set_since(Record* rec, const Line& line) {
-  rec->since_ms = line.ms;
   rec->since_clock = line.clock;
   rec->reported = false;
   rec->incident = -1;  // progress ends an incident
@@ -243,7 +242,6 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   if (in.action.empty()) {
     in.action = what;
     in.action_clock = line.clock;
-    in.action_ms = line.ms;
   } else {
     in.action += "; again " + line.clock.substr(6);
   }
@@ -480,7 +478,6 @@ void kernel_text(Builder* b, const Line& line, const std::vector<std::string>& t
     b->dump = &b->story.dumps.back();
     b->dump->clock = line.clock;
     b->dump->ms = line.ms;
-    b->dump->uptime = line.uptime;
     b->task = nullptr;
   } else if (b->dump == nullptr || kind == kDumpNoise) {
     return;
