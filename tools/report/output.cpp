@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "report.h"
+#include "stall_ward.h"
 
 namespace report {
 namespace {
@@ -55,7 +56,7 @@ std::string stack_line(const KernelTask& task, size_t frames) {
 }
 
 std::string configuration(const Run& run) {
-  auto it = run.settings.find("persist.vendor.sw.policy");
+  auto it = run.settings.find(kPropPolicy);
   std::string policy = it == run.settings.end() ? "not logged" : "\"" + it->second + "\"";
   return StringPrintf(
       "timeout %lld s (a sweep every %lld s), policy %s; watches %s",
