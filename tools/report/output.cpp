@@ -286,17 +286,19 @@ std::string html_report(const Story& story) {
     }
     if (run.incidents.empty() && run.events.empty()) h += "<tr><td>none</td><td></td></tr>\n";
     h += "</table>\n";
+    // One time axis for the run: from its first sample or mark to its last.
     int64_t from = INT64_MAX, to = INT64_MIN;
     for (const auto& entry : run.records) {
       for (const Point& p : entry.second.points)
         from = std::min(from, p.ms), to = std::max(to, p.ms);
+      for (const Mark& m : entry.second.marks) from = std::min(from, m.ms), to = std::max(to, m.ms);
     }
     for (const auto& entry : run.records) {
       const Record& rec = entry.second;
       h += "<h3>" + escape(rec.name) +
            (rec.process.empty() || rec.process == rec.name ? "" : " of " + escape(rec.process)) +
            StringPrintf(" <small>(last bound to pid %d, tid %d)</small></h3>\n", rec.pid, rec.tid);
-      h += timeline_svg(run, rec, from, to);
+      h += from <= to ? timeline_svg(run, rec, from, to) : "<p>never sampled</p>\n";
     }
     h += "</section>\n";
   }

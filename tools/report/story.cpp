@@ -314,6 +314,8 @@ void daemon_line(Builder* b, const Line& line) {
   } else if (listing != Context::kNone) {
     if (listing == Context::kThreads && !run.watches.empty()) {
       run.watches.back() += (run.watches.back().back() == ':' ? " " : ", ") + m;
+    } else if (listing == Context::kRecords) {
+      record(b, m);  // known before any sample, so that a process never started shows
     }
     b->ctx->listing = listing;
   } else if (m == "[sh] cmd=ps -e |grep stall_ward") {
