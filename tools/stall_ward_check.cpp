@@ -126,8 +126,8 @@ void check_settings(int timeout, const std::string& policy_text) {
         if (m.has_threads && full.substr(0, full.find(' ')) == name) {
           report(true, entry,
                  "\"" + full +
-                     "\" matches by its first word in the task walk but never the "
-                     "record, so it counts as never started",
+                     "\" matches by its first word in the task walk but never the record, so it "
+                     "counts as never started",
                  "a thread whose name has no blank");
         }
       }
@@ -185,8 +185,8 @@ void check_live() {
     if (pids.size() > 1) {
       report(true, m.name,
              std::to_string(pids.size()) +
-                 " processes of this name share each record: every "
-                 "sweep rebinds it, so a stall is never reported",
+                 " processes of this name share each record: every sweep rebinds it, so a "
+                 "stall is never reported",
              "a process name only one process has");
     }
     for (const std::string& pid : pids) {
@@ -223,9 +223,8 @@ void check_live() {
           } else if (get_comm(task) == name) {
             report(true, entry,
                    "tid " + std::string(t->d_name) + " is \"" + comm +
-                       "\": the task walk takes "
-                       "it for " +
-                       name + " but the record lookup does not, so it counts as never started",
+                       "\": the task walk takes it for " + name +
+                       " but the record lookup does not, so it counts as never started",
                    "a thread whose name has no blank");
           } else if (name.size() > kCommMax && comm == name.substr(0, kCommMax)) {
             report(true, entry,
@@ -237,8 +236,7 @@ void check_live() {
           printf("      %s: no such thread\n", name.c_str());
           report(true, entry,
                  "no thread of this name in pid " + pid +
-                     ": it counts as stalled, and gets "
-                     "evidence and the policy",
+                     ": it counts as stalled, and gets evidence and the policy",
                  "a thread name from /proc/" + pid + "/task/*/comm");
         }
       }

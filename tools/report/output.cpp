@@ -65,6 +65,13 @@ std::string configuration(const Run& run) {
       run.watches.empty() ? "(not logged)" : android::base::Join(run.watches, ", ").c_str());
 }
 
+std::string sweeps(const Run& run) {
+  return StringPrintf("%llu sweeps: %llu by the /proc walk, %llu through ps",
+                      static_cast<unsigned long long>(run.sweeps_proc + run.sweeps_shell),
+                      static_cast<unsigned long long>(run.sweeps_proc),
+                      static_cast<unsigned long long>(run.sweeps_shell));
+}
+
 std::string run_title(const Run& run) {
   return StringPrintf("stall_ward pid %d, ", run.pid) +
          (run.started.empty() ? "its start not in the log" : "started " + run.started);
@@ -230,10 +237,7 @@ std::string text_report(const Story& story) {
       continue;
     }
     s += "  " + configuration(run) + "\n";
-    s += StringPrintf("  %llu sweeps: %llu by the /proc walk, %llu through ps\n",
-                      static_cast<unsigned long long>(run.sweeps_proc + run.sweeps_shell),
-                      static_cast<unsigned long long>(run.sweeps_proc),
-                      static_cast<unsigned long long>(run.sweeps_shell));
+    s += "  " + sweeps(run) + "\n";
     if (run.incidents.empty())
       s += "  No incident: no watched thread stalled for a whole timeout.\n";
     for (const Incident& incident : run.incidents)
@@ -266,11 +270,7 @@ std::string html_report(const Story& story) {
       h += "<p class=\"note\">" + escape(kQuiet) + "</p></section>\n";
       continue;
     }
-    h += "<p>" + escape(configuration(run)) +
-         StringPrintf(". %llu sweeps (%llu /proc walk, %llu ps).</p>\n",
-                      static_cast<unsigned long long>(run.sweeps_proc + run.sweeps_shell),
-                      static_cast<unsigned long long>(run.sweeps_proc),
-                      static_cast<unsigned long long>(run.sweeps_shell));
+    h += "<p>" + escape(configuration(run)) + ". " + escape(sweeps(run)) + ".</p>\n";
     h += "<h3>Incidents</h3><table class=\"incidents\"><tr><th>what happened</th><th>kernel "
          "stack</th></tr>\n";
     for (const Incident& in : run.incidents) {
