@@ -41,38 +41,29 @@ std::string kernel(const std::string& name, int tid) {
 }
 
 TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
-  struct Case {
-    const char* file;
-    size_t tasks;
-    int ppid;
-    Lines stack;
-  } cases[] = {
-      {"dmesg-4.14.txt",
-       2,
-       5,
-       {"__switch_to", "__schedule", "schedule", "schedule_timeout", "wait_for_common",
-        "wait_for_completion", "binder_thread_read", "binder_ioctl_write_read", "binder_ioctl",
-        "do_vfs_ioctl"}},
-      {"dmesg-6.6.txt",
-       1,
-       1,
-       {"__schedule", "schedule", "schedule_timeout", "__pfx_process_timeout",
-        "wait_for_completion_killable", "fuse_simple_request"}},
-      {"logcat-kernel-5.10.txt", 1, 5, {"__switch_to", "__schedule", "schedule", "io_schedule"}},
+  const std::tuple<const char*, size_t, int, const char*> cases[] = {
+      // excerpt; blocked tasks; the first one's parent and stack
+      {"dmesg-4.14.txt", 2, 5,
+       "__switch_to __schedule schedule schedule_timeout wait_for_common wait_for_completion "
+       "binder_thread_read binder_ioctl_write_read binder_ioctl do_vfs_ioctl"},
+      {"dmesg-6.6.txt", 1, 1,
+       "__schedule schedule schedule_timeout __pfx_process_timeout wait_for_completion_killable "
+       "fuse_simple_request"},
+      {"logcat-kernel-5.10.txt", 1, 5, "__switch_to __schedule schedule io_schedule"},
   };
   TempDir dir;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    write_file(dir.path(c.file), kernel(c.file, 1301));
-    json dumps = story({dir.path(c.file)})["kernel_dumps"];
+  for (const auto& [file, tasks, ppid, stack] : cases) {
+    SCOPED_TRACE(file);
+    write_file(dir.path(file), kernel(file, 1301));
+    json dumps = story({dir.path(file)})["kernel_dumps"];
     ASSERT_EQ(dumps.size(), 1u) << "the backtrace of active CPUs is not a blocked-task dump";
-    ASSERT_EQ(dumps[0]["tasks"].size(), c.tasks);
+    ASSERT_EQ(dumps[0]["tasks"].size(), tasks);
     json task = dumps[0]["tasks"][0];
     EXPECT_EQ(task["comm"], "watchdog");
     EXPECT_EQ(task["state"], "D");
     EXPECT_EQ(task["pid"], 1301);
-    EXPECT_EQ(task["ppid"], c.ppid);
-    EXPECT_EQ(task["stack"].get<Lines>(), c.stack);
+    EXPECT_EQ(task["ppid"], ppid);
+    EXPECT_EQ(android::base::Join(task["stack"].get<Lines>(), " "), stack);
   }
 }
 
