@@ -2,7 +2,8 @@
 # The mutation check: applies each one-line fault of scripts/mutants.list to a copy of the tree,
 # rebuilds, and runs the in-process tests, then the end-to-end ones only for a fault those let
 # through. Every fault must be caught ("killed"); one whose text is no longer found exactly once
-# is reported stale. Ends with "N killed, M survived" and fails on any survivor or stale entry.
+# is reported stale, and one that does not build proves nothing and is reported broken. Ends with
+# "N killed, M survived" and fails on any survivor, stale or broken entry.
 #   scripts/mutants.sh [list]
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh" >/dev/null
@@ -28,7 +29,7 @@ end_to_end() {
   ctest --test-dir "$work/build" -L end-to-end -j"$(nproc)" >/dev/null 2>&1
 }
 
-killed=0 survived=0 stale=0 survivors=()
+killed=0 survived=0 stale=0 broken=0 survivors=()
 start=$SECONDS
 while IFS=$'\t' read -r -u 3 file text replacement bug; do
   [[ -z "$file" || "$file" == \#* ]] && continue
@@ -39,8 +40,10 @@ while IFS=$'\t' read -r -u 3 file text replacement bug; do
   # Only what the next stage runs is rebuilt: the unit tests, then the daemon for the end-to-end
   # cases (their own binary does not link the daemon's code).
   if ! cmake --build "$work/build" --target unit_tests -j"$(nproc)" >/dev/null 2>&1; then
-    how="by the build"
-  elif ! in_process; then
+    echo "BROKEN (does not build): $file: $bug"; broken=$((broken + 1))
+    cp "$file" "$work/$file"; continue
+  fi
+  if ! in_process; then
     how="in-process"
   elif ! cmake --build "$work/build" --target stall_ward -j"$(nproc)" >/dev/null 2>&1 || ! end_to_end; then
     how="end to end"
@@ -55,7 +58,7 @@ while IFS=$'\t' read -r -u 3 file text replacement bug; do
   fi
 done 3<"$list"
 cmake --build "$work/build" -j"$(nproc)" >/dev/null  # back to the code as it is
-echo "$(( (SECONDS - start) / 60 )) min; stale: $stale"
+echo "$(( (SECONDS - start) / 60 )) min; stale: $stale; broken: $broken"
 for s in "${survivors[@]}"; do echo "survivor: $s"; done
 echo "$killed killed, $survived survived"
-[ "$survived" -eq 0 ] && [ "$stale" -eq 0 ]
+[ "$survived" -eq 0 ] && [ "$stale" -eq 0 ] && [ "$broken" -eq 0 ]
