@@ -3,6 +3,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <string>
 #include <utility>
@@ -30,12 +31,11 @@ std::string task_path(pid_t pid, pid_t tid);
 Lines log_messages(const std::string& log);
 int count(const Lines& lines, const std::string& line);
 int count_prefix(const Lines& lines, const std::string& prefix);
-void sleep_ms(int ms);
 template <typename F>
 bool eventually(F done, int timeout_ms) {  // polls until done() or the time is up
   for (int waited = 0; !done(); waited += 20) {
     if (waited >= timeout_ms) return done();
-    sleep_ms(20);
+    usleep(20000);
   }
   return true;
 }
@@ -72,7 +72,7 @@ class Child {
   }
   ~Child();
   pid_t pid() const { return pid_; }
-  std::string read_line();    // of its stdout; empty after 5 s
+  std::string read_line();   // of its stdout; empty after 5 s
   int wait(int timeout_ms);  // its wait status, or -1 while it runs
 
  private:
