@@ -78,7 +78,9 @@ TEST(Properties, AFileOthersCouldChangeIsRefused) {
 TEST(MonitorList, FollowsTheProcessesGrammar) {
   const std::tuple<std::string, Lines, Lines> cases[] = {
       // value; entries as "name" or "name:t1:t2" (threads sorted); record names, sorted
-      {"system_server:watchdog:android.bg", {"system_server:android.bg:watchdog"}, {"android.bg", "watchdog"}},
+      {"system_server:watchdog:android.bg",
+       {"system_server:android.bg:watchdog"},
+       {"android.bg", "watchdog"}},
       {"  a   b  ", {"a", "b"}, {"a", "b"}},
       {"p:", {"p"}, {"p"}},
       {"p::t", {"p:t"}, {"t"}},
@@ -113,25 +115,12 @@ TEST(MonitorList, TheDefaultIsDumpedWithDebugOn) {
     get_monitor_info();
     EXPECT_EQ(mTids.size(), 2u);
     Lines want = {"I get persist.vendor.sw.processes =system_server:watchdog surfaceflinger",
-                  "D monitor system_server threads:", "D watchdog",
-                  "D monitor surfaceflinger main", "D mTids:"};
+                  "D monitor system_server threads:", "D watchdog", "D monitor surfaceflinger main",
+                  "D mTids:"};
     Lines got = log.messages();
     if (got.size() > 2) std::sort(got.end() - 2, got.end());  // the table's order
     want.insert(want.end(), {"D surfaceflinger", "D watchdog"});
     EXPECT_EQ(got, debug ? want : Lines{});
-  }
-}
-
-TEST(Split, DropsEmptyPiecesAndSplitsOnlyAtTheGivenCharacters) {
-  const std::tuple<std::string, const char*, Lines> cases[] = {
-      {"a  b ", " ", {"a", "b"}},
-      {"", " ", {}},
-      {"a/b:c", "/:", {"a", "b", "c"}},
-      {"a b/c", "", {"a b/c"}},
-      {"root 1 init\nroot 2 kthreadd\n", " ", {"root", "1", "init\nroot", "2", "kthreadd\n"}},
-  };
-  for (const auto& [text, delimiters, tokens] : cases) {
-    EXPECT_EQ(string_split(text, delimiters), tokens) << text;
   }
 }
 

@@ -19,7 +19,8 @@ std::string temp_root() {  // the directory the test binary was installed in: no
 }
 
 int android_reboot(unsigned /*cmd*/, int /*flags*/, const char* /*arg*/) {
-  __android_log_print(ANDROID_LOG_ERROR, "stall_ward", "android_reboot refused: a test never reboots");
+  __android_log_print(ANDROID_LOG_ERROR, "stall_ward",
+                      "android_reboot refused: a test never reboots");
   return -1;
 }
 

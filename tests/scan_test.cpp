@@ -76,7 +76,8 @@ TEST_P(Scan, JudgesTheRecord) {
   EXPECT_EQ(seconds_since(start) > 2.9, c.kernel_dumps || c.is_app);
   std::string line = c.log;
   for (auto [key, pid] : {std::pair{"$PPID", parent.pid}, {"$PID", target.pid}}) {
-    if (line.find(key) != std::string::npos) line.replace(line.find(key), strlen(key), std::to_string(pid));
+    if (line.find(key) != std::string::npos)
+      line.replace(line.find(key), strlen(key), std::to_string(pid));
   }
   EXPECT_EQ(log.messages(), line.empty() ? Lines{} : Lines{line});
   EXPECT_EQ(rec.stuck_ms, c.stuck_after);
@@ -138,17 +139,6 @@ TEST(SysRq, WritesTheCommandWithItsNulAndReportsAMissingTriggerAlways) {
   sysrq_trigger = saved;
   EXPECT_EQ(log.messages(), Lines{"E open sysrq failed!"});
   EXPECT_NE(access(missing.c_str(), F_OK), 0) << "never created";
-}
-
-TEST(SysRq, TheAlarmHandlerDumpsBlockedTasksAndCpus) {
-  Trigger trigger;
-  for (bool debug : {true, false}) {
-    reset_daemon(debug);
-    LogCapture log;
-    alarm_handler(SIGALRM);
-    EXPECT_EQ(log.messages(), debug ? Lines{"E Alarm! self stuck!"} : Lines{});
-  }
-  EXPECT_EQ(trigger.fifo.commands(), (Lines{"w", "l", "w", "l"}));
 }
 
 }  // namespace

@@ -103,8 +103,8 @@ TEST_F(Sweep, ProcWalkWatchesTheMainThreadAndCountsAThreadNeverSeen) {
 
 TEST(WalkParts, DirectoryEntriesAndCommandNames) {
   const std::tuple<const char*, uint8_t, bool> entries[] = {
-      {"1", DT_DIR, true},      {"9", DT_DIR, true},      {"self", DT_DIR, false},
-      {"1", DT_REG, false},     {"1", DT_UNKNOWN, true},  {"999999999", DT_UNKNOWN, false}};
+      {"1", DT_DIR, true},  {"9", DT_DIR, true},     {"self", DT_DIR, false},
+      {"1", DT_REG, false}, {"1", DT_UNKNOWN, true}, {"999999999", DT_UNKNOWN, false}};
   for (const auto& [name, type, valid] : entries) {
     alignas(8) char buf[sizeof(linux_dirent64) + 64] = {};
     linux_dirent64* d = reinterpret_cast<linux_dirent64*>(buf);
@@ -114,9 +114,13 @@ TEST(WalkParts, DirectoryEntriesAndCommandNames) {
     EXPECT_EQ(get_valid_tid_dir(d, &path), valid) << name;
     EXPECT_EQ(path, valid ? std::string("/proc/") + name : path) << name;
   }
-  const std::pair<const char*, const char*> names[] = {
-      {"/system/bin/foo", "foo"}, {"foo", "foo"}, {"/foo", "/foo"}, {"foo/", "foo/"},
-      {"a//b", "b"},              {"a/b/", "b"},  {"//", "//"}};
+  const std::pair<const char*, const char*> names[] = {{"/system/bin/foo", "foo"},
+                                                       {"foo", "foo"},
+                                                       {"/foo", "/foo"},
+                                                       {"foo/", "foo/"},
+                                                       {"a//b", "b"},
+                                                       {"a/b/", "b"},
+                                                       {"//", "//"}};
   for (const auto& [name, base] : names) EXPECT_EQ(command_base_name(name), base) << name;
 }
 
@@ -155,13 +159,14 @@ TEST_F(ShellSweep, FindsProcessesAndThreadsThroughPs) {
   const std::string pid = std::to_string(s.pid), tid = std::to_string(s.tids.at(0));
   LogCapture log;
   collect_proc_info(true);
-  for (const std::string& line : {"I [sh] cmd=ps -e|grep " + name,
-                                  "I [sh] cmd=ps -T -p " + pid + " |grep " + thread,
-                                  "I [sh] tid=" + tid, "I reading " + task_path(s.pid, s.tids.at(0))}) {
+  for (const std::string& line :
+       {"I [sh] cmd=ps -e|grep " + name, "I [sh] cmd=ps -T -p " + pid + " |grep " + thread,
+        "I [sh] tid=" + tid, "I reading " + task_path(s.pid, s.tids.at(0))}) {
     EXPECT_EQ(log.count(line), 1) << line;
   }
   EXPECT_EQ(log.count("I go through proc"), 0);
-  EXPECT_TRUE(mTids.at(thread).pid == static_cast<uint32_t>(s.pid) && mTids.at(thread).state == 'D');
+  EXPECT_TRUE(mTids.at(thread).pid == static_cast<uint32_t>(s.pid) &&
+              mTids.at(thread).state == 'D');
   const std::tuple<std::string, std::string, pid_info> finds[] = {
       {name, "", {s.pid, s.pid, getpid()}},
       {name, thread, {s.tids.at(0), s.pid, getpid()}},
