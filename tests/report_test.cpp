@@ -184,16 +184,8 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentWithItsKernelStack) {
     EXPECT_NE(account.find("; kernel stack: __switch_to < __schedule < schedule <"),
               std::string::npos)
         << account;
+    EXPECT_NE(account.find("Its log holds only \"started\""), std::string::npos) << "debug off";
   }
-}
-
-TEST(Report, WithDebugOffSaysSoAndStillShowsTheKernelDumps) {
-  TempDir dir;
-  write_file(dir.path("dmesg"), kernel("dmesg-6.6.txt", 8));
-  std::string text = report::text_report(report::build_story(
-      {daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill-2"), dir.path("dmesg")}));
-  EXPECT_NE(text.find("Its log holds only \"started\""), std::string::npos) << text;
-  EXPECT_NE(text.find("watchdog (pid 8, D): __schedule < schedule <"), std::string::npos) << text;
 }
 
 // The page of every fixture at once, opened in headless chromium: no console error, and every
