@@ -1,4 +1,5 @@
 // stall_ward_check on property files that carry each hazard, and --live against stand-ins.
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/wait.h>
@@ -64,50 +65,50 @@ TEST(Check, ReportsEachHazardWithItsSeverity) {
   }
 }
 
-TEST(Check, LiveShowsTwoProcessesOfOneNameAndANameTheKernelTruncates) {
-  std::string name = unique("twice"), other = unique("long");
-  StandIn a = start_stand_in({"/system/bin/" + name, "--thread", "watchdog:S"});
-  StandIn b = start_stand_in({name, "--thread", "watchdog:S"});
-  StandIn c = start_stand_in({other, "--thread", "PowerManagerService:S"});
-  auto [out, code] = check("persist.vendor.sw.processes=" + name + ":watchdog " + other +
-                               ":PowerManagerService:absent\n",
-                           "--live");
-  EXPECT_EQ(code, 2);
-  for (const std::string& text :
-       {"  " + name + ": 2 processes\n",
-        "      watchdog: tid " + std::to_string(a.tids.at(0)) + " S",
-        "      watchdog: tid " + std::to_string(b.tids.at(0)) + " S",
-        "\nerror: " + name + ": 2 processes of this name share each record",
-        "\nerror: " + other +
-            ":PowerManagerService: the kernel truncates this name to "
-            "\"PowerManagerSer\" (tid " +
-            std::to_string(c.tids.at(0)) + ")",
-        "\nerror: " + other + ":absent: no thread of this name in pid " + std::to_string(c.pid)}) {
-    EXPECT_NE(out.find(text), std::string::npos) << text << "\n" << out;
-  }
-}
-
-// With the daemon's ps self-test passing (a PID namespace of the test's own, toybox's ps), an
-// entry whose process is missing after one that runs would work on that one's lookup.
-TEST(Check, LiveWarnsOfAMissingProcessAfterAFoundOneOnThePsWay) {
+// --live in a PID namespace of its own, with toybox's ps, where the daemon's ps self-test passes:
+// two processes of one name, a name the kernel truncates, a thread that is absent, and an entry
+// whose process is missing after one that runs (it would work on that one's lookup).
+TEST(Check, LiveShowsWhatTheRunningProcessesHold) {
   TempDir dir;
-  write_file(dir.path("props"), "persist.vendor.sw.processes=found ghost:t\n");
-  std::string script =
-      "(exec -a stall_ward " + stand_in_path() + " >" + dir.path("1") + " &); (exec -a found " +
-      stand_in_path() + " >" + dir.path("2") + " &); until [ -s " + dir.path("1") + " ] && [ -s " +
-      dir.path("2") + " ]; do sleep 0.01; done; " + android_ps_path() +
-      " STALL_WARD_PROPERTIES=" + dir.path("props") +
-      " " STALL_WARD_CHECK_PATH " --live; true";  // not exec'd: ps must list it after pid 3
+  write_file(
+      dir.path("props"),
+      "persist.vendor.sw.processes=twice:watchdog long:PowerManagerService:absent ghost:t\n");
+  const std::pair<const char*, const char*> stand_ins[] = {
+      {"stall_ward", ""},
+      {"/system/bin/twice", "--thread watchdog:S"},
+      {"twice", "--thread watchdog:S"},
+      {"long", "--thread PowerManagerService:S"}};
+  std::string script;
+  for (size_t k = 0; k < std::size(stand_ins); ++k) {
+    std::string out = dir.path(std::to_string(k));
+    script += "(exec -a " + std::string(stand_ins[k].first) + " " + stand_in_path() + " " +
+              stand_ins[k].second + " >" + out + " &); until [ -s " + out +
+              " ]; do sleep 0.01; done; ";
+  }
+  script += android_ps_path() + " STALL_WARD_PROPERTIES=" + dir.path("props") +
+            " " STALL_WARD_CHECK_PATH " --live; true";  // not exec'd: ps lists it after them
   Child ns = spawn("/usr/bin/unshare", {"unshare", "--pid", "--fork", "--kill-child",
                                         "--mount-proc", "/bin/bash", "-c", script});
   std::string out;
   for (int i = 0; i < 100; ++i) out += ns.read_line() + "\n";  // blank lines too, to the end
-  EXPECT_NE(out.find("passes: sweeps find processes through ps"), std::string::npos) << out;
-  EXPECT_NE(
-      out.find("\nerror: ghost: not running while the sweeps take the ps way: the entry works on "
-               "what the lookup of found (pid "),
-      std::string::npos)
-      << out;
+  auto id = [&](size_t k, size_t at) {  // the stand-in's pid (0) or thread id (1)
+    return android::base::Split(read_file(dir.path(std::to_string(k))), " \n").at(at);
+  };
+  const Lines texts = {
+      "passes: sweeps find processes through ps",
+      "  twice: 2 processes\n",
+      "      watchdog: tid " + id(1, 1) + " S",
+      "      watchdog: tid " + id(2, 1) + " S",
+      "\nerror: twice: 2 processes of this name share each record",
+      "\nerror: long:PowerManagerService: the kernel truncates this name to "
+      "\"PowerManagerSer\" (tid " +
+          id(3, 1) + ")",
+      "\nerror: long:absent: no thread of this name in pid " + id(3, 0),
+      "\nerror: ghost: not running while the sweeps take the ps way: the entry works on what "
+      "the lookup of long (pid "};
+  for (const std::string& text : texts) {
+    EXPECT_NE(out.find(text), std::string::npos) << text << "\n" << out;
+  }
 }
 
 }  // namespace
