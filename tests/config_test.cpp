@@ -43,8 +43,10 @@ TEST(Startup, ConfiguresFromProperties) {
     EXPECT_EQ(policy, c.policy) << c.properties;
     EXPECT_EQ(debug_enabled, c.debug) << c.properties;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &last_check);
-    stall_wrad_check();  // arms the self-watchdog with the timeout
+    last_check.tv_sec -= 10;  // between sweeps: the wait is what is left of the interval
+    int64_t left = static_cast<int64_t>(stall_wrad_check());  // arms the self-watchdog too
     EXPECT_EQ(alarm(0), c.alarm / 1000) << c.properties;
+    EXPECT_TRUE(left <= c.interval - 10000 && left > c.interval - 11000) << left;
   }
   reset_daemon(false, 0);
   use_properties("");
@@ -57,11 +59,6 @@ TEST(Pacing, WaitsOutTheRestOfTheInterval) {
       {400, 0, 29600}, {29500, 0, 500}, {31000, 0, 1000}, {200, 29500, 1000}, {10001, 19999, 0}};
   reset_daemon(true, 30000);
   for (const auto& [cost, overrun, wait] : waits) EXPECT_EQ(next_wait(cost, overrun), wait);
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &last_check);  // between sweeps: what is left
-  last_check.tv_sec -= 10;
-  uint64_t left = stall_wrad_check();
-  alarm(0);
-  EXPECT_TRUE(left <= 20000 && left > 19000) << left;
 }
 
 TEST(Properties, AFileOthersCouldChangeIsRefused) {
@@ -128,10 +125,6 @@ TEST(Exec, CapturesTheFirstKilobyteWhateverTheExitStatus) {
     EXPECT_EQ(log.messages().at(0), "I [sh] cmd=" + std::string(command));
     EXPECT_EQ(count_prefix(log.messages(), "I [sh] ret=" + output.substr(0, 3)), 1);
   }
-  char untouched[] = "z";
-  EXPECT_EQ(exec_command(nullptr, untouched), -1);
-  EXPECT_EQ(exec_command("true", nullptr), -1);
-  EXPECT_STREQ(untouched, "z");
 }
 
 }  // namespace

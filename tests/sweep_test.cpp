@@ -60,44 +60,42 @@ class Sweep : public testing::Test {
   const std::string name = unique("proc"), thread = unique("thr"), ghost = unique("ghost");
 };
 
-TEST_F(Sweep, ProcWalkSamplesEachMonitoredThreadAndSurvivesAnInterruptedRead) {
-  configure(name + ":" + thread + " " + name + ":second");
+// Two sweeps with the first directory read interrupted each time: the walk samples the watched
+// threads of the first entry of a name, the main thread of an entry without threads, and counts a
+// thread never seen against its running process.
+TEST_F(Sweep, ProcWalkSamplesWatchedThreadsAndSurvivesAnInterruptedRead) {
+  configure(name + ":" + thread + " " + name + ":second " + name + "m " + name + "x:absent " +
+                ghost + ":other",
+            50000);
   StandIn a = start({thread + ":D", "other:S", "second:S"});
   StandIn b = start({thread + ":S"}, name);  // a bare command line too
-  interrupt_next = 1;
-  batch_sizes.clear();
-  proc_rewound = false;
-  LogCapture log;
-  collect_proc_info(false);
-  Lines m = log.messages();
-  for (const StandIn* s : {&a, &b}) {
-    // (a's vfork child shares its command line, so it is matched too, and holds no such thread.)
-    EXPECT_EQ(count_prefix(m, "I find monitored proc " + std::to_string(s->pid) + ":" + name), 1);
-    EXPECT_EQ(count(m, "I check monitor thread:" + task_path(s->pid, s->tids.at(0))), 1);
-  }
-  EXPECT_EQ(count_prefix(m, "I check monitor thread:"), 2) << "only the first entry of a name";
-  EXPECT_FALSE(mTids.at("second").valid);
-  EXPECT_EQ(std::count(batch_sizes.begin(), batch_sizes.end(), 4200), batch_sizes.size());
-  EXPECT_TRUE(proc_rewound);
-  EXPECT_EQ(proc_dir.fd, -1) << "every walk closes /proc";
-}
-
-TEST_F(Sweep, ProcWalkWatchesTheMainThreadAndCountsAThreadNeverSeen) {
-  configure(name + " " + name + "x:absent " + ghost + ":other", 50000);
-  StandIn s = start({thread + ":S"});
-  StandIn t = start({}, "/system/bin/" + name + "x");
+  StandIn main = start({}, "/system/bin/" + name + "m");
+  StandIn x = start({}, "/system/bin/" + name + "x");
   for (int sweep = 1; sweep <= 2; ++sweep) {
+    interrupt_next = 1;
+    batch_sizes.clear();
+    proc_rewound = false;
     LogCapture log;
     collect_proc_info(false);
-    EXPECT_EQ(log.count("I thread absent not start"), 1);
-    EXPECT_EQ(count_prefix(log.messages(), "I thread other"), 0) << "its process is not running";
+    Lines m = log.messages();
+    for (const StandIn* s : {&a, &b}) {
+      // (a's vfork child shares its command line, so it is matched too, and holds no such thread.)
+      EXPECT_EQ(count_prefix(m, "I find monitored proc " + std::to_string(s->pid) + ":" + name), 1);
+      EXPECT_EQ(count(m, "I check monitor thread:" + task_path(s->pid, s->tids.at(0))), 1);
+    }
+    EXPECT_EQ(count_prefix(m, "I check monitor thread:"), 2) << "only the first entry of a name";
+    EXPECT_EQ(count(m, "I thread absent not start"), 1);
+    EXPECT_EQ(count_prefix(m, "I thread other"), 0) << "its process is not running";
+    EXPECT_EQ(std::count(batch_sizes.begin(), batch_sizes.end(), 4200), batch_sizes.size());
+    EXPECT_TRUE(proc_rewound);
+    EXPECT_EQ(proc_dir.fd, -1) << "every walk closes /proc";
   }
-  const proc& main = mTids.at(name);
-  EXPECT_TRUE(main.tid == static_cast<uint32_t>(s.pid) && main.pid == main.tid);
-  EXPECT_EQ(main.cmd, "/system/bin/" + name);
-  const proc& absent = mTids.at("absent");
-  EXPECT_EQ(absent.stuck_ms, 100000);
-  EXPECT_EQ(absent.pid, static_cast<uint32_t>(t.pid));
+  EXPECT_FALSE(mTids.at("second").valid);
+  const proc& rec = mTids.at(name + "m");
+  EXPECT_TRUE(rec.tid == static_cast<uint32_t>(main.pid) && rec.pid == rec.tid);
+  EXPECT_EQ(rec.cmd, "/system/bin/" + name + "m");
+  EXPECT_EQ(mTids.at("absent").stuck_ms, 100000);
+  EXPECT_EQ(mTids.at("absent").pid, static_cast<uint32_t>(x.pid));
   EXPECT_TRUE(mTids.at("other").pid == kNoId && mTids.at("other").stuck_ms == 0);
 }
 
@@ -150,22 +148,6 @@ class ShellSweep : public Sweep {
   std::string saved_ = getenv("PATH"), path_ = android_ps_path();
 };
 
-TEST_F(ShellSweep, FindsProcessesAndThreadsThroughPs) {
-  configure(name + ":" + thread);
-  StandIn s = start({thread + ":D"});
-  const std::string pid = std::to_string(s.pid), tid = std::to_string(s.tids.at(0));
-  LogCapture log;
-  collect_proc_info(true);
-  for (const std::string& line :
-       {"I [sh] cmd=ps -e|grep " + name, "I [sh] cmd=ps -T -p " + pid + " |grep " + thread,
-        "I [sh] tid=" + tid, "I reading " + task_path(s.pid, s.tids.at(0))}) {
-    EXPECT_EQ(log.count(line), 1) << line;
-  }
-  EXPECT_EQ(log.count("I go through proc"), 0);
-  EXPECT_TRUE(mTids.at(thread).pid == static_cast<uint32_t>(s.pid) &&
-              mTids.at(thread).state == 'D');
-}
-
 TEST_F(ShellSweep, AnAbsentThreadIsBoundAfreshToItsProcess) {
   std::string app = unique("app");
   configure(app + ":absent", 50000);
@@ -185,14 +167,25 @@ TEST_F(ShellSweep, AnAbsentThreadIsBoundAfreshToItsProcess) {
   }
 }
 
-TEST_F(ShellSweep, AnEntryWhoseProcessIsNotRunningWorksOnWhatTheLastFoundOneLeft) {
-  StandIn s = start({thread + ":S"});
+// Processes and threads are found through ps; an entry whose process is not running works on what
+// the last found one left: its thread is read again for each thread name of the entry.
+TEST_F(ShellSweep, FindsThroughPsAndAMissingProcessWorksOnWhatTheLastFoundOneLeft) {
+  StandIn s = start({thread + ":D"});
   configure(name + ":" + thread + " " + ghost + ":u1:u2");
   {
-    LogCapture log;  // the found thread is read again for each thread name of the next entry
+    LogCapture log;
     collect_proc_info(true);
-    EXPECT_EQ(log.count("I [sh] proc " + ghost + " not started"), 2);
-    EXPECT_EQ(log.count("I reading " + task_path(s.pid, s.tids.at(0))), 3);
+    const std::string pid = std::to_string(s.pid), tid = std::to_string(s.tids.at(0));
+    for (const auto& [line, times] : {std::pair{"I [sh] cmd=ps -e|grep " + name, 1},
+                                      {"I [sh] cmd=ps -T -p " + pid + " |grep " + thread, 1},
+                                      {"I [sh] tid=" + tid, 1},
+                                      {"I [sh] proc " + ghost + " not started", 2},
+                                      {"I go through proc", 0},
+                                      {"I reading " + task_path(s.pid, s.tids.at(0)), 3}}) {
+      EXPECT_EQ(log.count(line), times) << line;
+    }
+    EXPECT_TRUE(mTids.at(thread).pid == static_cast<uint32_t>(s.pid) &&
+                mTids.at(thread).state == 'D');
   }
   configure(name + ":absent " + ghost + ":u1");  // tid -1 left: u1 counts as absent from it
   collect_proc_info(true);
