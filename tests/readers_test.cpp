@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(Parsers, StatSchedstatAndCgroup) {
+TEST(Parsers, StatAndCgroup) {
   const std::string tail = " 0 1 1 0 -1 4194624 100 0 0 0 5 6 0 0 20 0 1 0 7\n";
   const std::pair<std::string, std::string> stats[] = {
       // content; "match tid comm|state ppid utime stime"
@@ -25,13 +25,6 @@ TEST(Parsers, StatSchedstatAndCgroup) {
                   std::to_string(f.ppid) + " " + std::to_string(f.utime) + " " +
                   std::to_string(f.stime),
               want);
-  }
-  const std::tuple<std::string, int, unsigned long long> schedstats[] = {
-      {"1 2 3\n", 1, 3}, {"99999999999999999999999 -1 8\n", 1, 8}, {"garbage", 0, 0}, {"", -1, 0}};
-  for (const auto& [content, n, third] : schedstats) {
-    unsigned long long count = 0;
-    EXPECT_EQ(parse_schedstat(content, &count), n) << content;
-    EXPECT_EQ(count, third) << content;
   }
   EXPECT_TRUE(in_frozen_cgroup("7:freezer:/frozen\n3:cpu:/\n"));
   EXPECT_FALSE(in_frozen_cgroup("7:freezer:/\n"));
@@ -89,13 +82,18 @@ TEST(StallCount, GrowsByTheIntervalOnlyWithoutProgressInAWatchedState) {
   EXPECT_EQ(rec.comm, name);
 }
 
-// A record binds to the thread sampled but takes the pid only from a lookup of that thread; a
-// thread of an app (a child of a zygote) counts while it sleeps.
-TEST(LiveThread, ARecordBindsToTheThreadSampledAndAnAppThreadCountsAsleep) {
+// Names cut at the first blank; a record binds to the thread sampled but takes the pid only from a
+// lookup of that thread; a thread of an app (a child of a zygote) counts while it sleeps.
+TEST(LiveThread, NamesBindingAndAnAppThreadAsleep) {
   std::string thread = unique("t");
   reset_daemon(true, 30000);
   parse_monitor_list("a:" + thread, &monitor_list, &mTids);
-  StandIn first = start_stand_in({"/vendor/bin/first", "--thread", thread + ":D"});
+  StandIn first = start_stand_in(
+      {"/vendor/bin/first", "--thread", thread + ":D", "--thread", "Jit thread pool:S"});
+  EXPECT_EQ(get_comm(task_path(first.pid, first.tids.at(1))), "Jit");
+  EXPECT_EQ(get_comm(task_path(first.pid, first.pid)), "first");
+  EXPECT_EQ(get_proc_name(std::to_string(first.pid)), "/vendor/bin/first");
+  EXPECT_EQ(get_proc_name("999999999"), "");
   StandIn app = start_stand_in({"zygote", "--spawn", "com.example", "--thread", thread + ":S"});
   pid_info info = {first.tids.at(0), first.pid, -1};
   get_stat(&info, task_path(first.pid, first.tids.at(0)));
@@ -107,15 +105,6 @@ TEST(LiveThread, ARecordBindsToTheThreadSampledAndAnAppThreadCountsAsleep) {
   EXPECT_EQ(rec.cmd, "com.example");
   EXPECT_TRUE(rec.is_app);
   EXPECT_EQ(rec.stuck_ms, 30000);
-}
-
-TEST(LiveThread, NamesFromCommAndCmdline) {
-  StandIn s = start_stand_in({"/system/bin/app_process64", "--thread", "Jit thread pool:S"});
-  reset_daemon(false);
-  EXPECT_EQ(get_comm(task_path(s.pid, s.tids.at(0))), "Jit");
-  EXPECT_EQ(get_comm(task_path(s.pid, s.pid)), "app_process64");
-  EXPECT_EQ(get_proc_name(std::to_string(s.pid)), "/system/bin/app_process64");
-  EXPECT_EQ(get_proc_name("999999999"), "");
 }
 
 }  // namespace
