@@ -1,7 +1,6 @@
 // stall_ward_check on property files that carry each hazard, and --live against stand-ins.
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <sys/wait.h>
 
 #include "helpers.h"
@@ -9,18 +8,15 @@
 namespace {
 
 // Runs the checker on the given properties: its output and exit status.
-std::pair<std::string, int> check(const std::string& properties, const std::string& args = "") {
+std::pair<std::string, int> check(const std::string& properties) {
   TempDir dir;
   write_file(dir.path("props"), properties);
-  FILE* out = popen(("STALL_WARD_PROPERTIES=" + dir.path("props") + " " STALL_WARD_CHECK_PATH " " +
-                     args + " 2>&1")
-                        .c_str(),
-                    "r");
-  std::string text;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof(buf), out)) > 0;) text.append(buf, n);
-  int status = pclose(out);
-  return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+  Child checker = spawn("/bin/sh", {"sh", "-c",
+                                    "STALL_WARD_PROPERTIES=" + dir.path("props") +
+                                        " " STALL_WARD_CHECK_PATH " 2>&1"});
+  std::string out = checker.read_all();
+  int status = checker.wait(5000);
+  return {out, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
 }
 
 TEST(Check, ReportsEachHazardWithItsSeverity) {
@@ -89,8 +85,7 @@ TEST(Check, LiveShowsWhatTheRunningProcessesHold) {
             " " STALL_WARD_CHECK_PATH " --live; true";  // not exec'd: ps lists it after them
   Child ns = spawn("/usr/bin/unshare", {"unshare", "--pid", "--fork", "--kill-child",
                                         "--mount-proc", "/bin/bash", "-c", script});
-  std::string out;
-  for (int i = 0; i < 100; ++i) out += ns.read_line() + "\n";  // blank lines too, to the end
+  std::string out = ns.read_all();
   auto id = [&](size_t k, size_t at) {  // the stand-in's pid (0) or thread id (1)
     return android::base::Split(read_file(dir.path(std::to_string(k))), " \n").at(at);
   };

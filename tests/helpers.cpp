@@ -103,6 +103,16 @@ std::string Child::read_line() {
   return line;
 }
 
+std::string Child::read_all() {
+  std::string all;
+  char buf[4096];
+  pollfd pfd = {out_, POLLIN, 0};
+  for (ssize_t n; poll(&pfd, 1, 60000) == 1 && (n = read(out_, buf, sizeof(buf))) > 0;) {
+    all.append(buf, static_cast<size_t>(n));
+  }
+  return all;
+}
+
 int Child::wait(int timeout_ms) {
   int status = -1;
   if (pid_ <= 0 ||

@@ -73,6 +73,7 @@ class Child {
   ~Child();
   pid_t pid() const { return pid_; }
   std::string read_line();   // of its stdout; empty after 5 s
+  std::string read_all();    // of its stdout, to its end (or a minute without output)
   int wait(int timeout_ms);  // its wait status, or -1 while it runs
 
  private:
