@@ -53,10 +53,8 @@ TEST(Check, ReportsEachHazardWithItsSeverity) {
   }
   auto [out, code] = check(p + "enable=1\n" + p + "policy=panic\n" + p + "timeout=200\n");
   for (const char* line :
-       {"  enabled   yes\n", "  timeout   200 s (alarm_ms 200000",
-        "  interval  50 s between sweeps (interval_ms 50000)\n",
-        "  policy    2, panic (from \"panic\")\n", "    system_server: threads watchdog\n",
-        "    surfaceflinger: main thread\n", "  records   surfaceflinger, watchdog\n"}) {
+       {"  interval  50 s between sweeps (interval_ms 50000)\n",
+        "  policy    2, panic (from \"panic\")\n", "  records   surfaceflinger, watchdog\n"}) {
     EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
   }
 }

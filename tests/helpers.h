@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 using Lines = std::vector<std::string>;
@@ -63,13 +62,8 @@ class LogCapture {
 // A process the test started: killed and reaped when it goes.
 class Child {
  public:
-  explicit Child(pid_t pid = -1, int out = -1) : pid_(pid), out_(out) {}
+  Child(pid_t pid, int out) : pid_(pid), out_(out) {}
   Child(Child&& o) noexcept : pid_(o.pid_), out_(o.out_) { o.pid_ = o.out_ = -1; }
-  Child& operator=(Child&& o) noexcept {
-    std::swap(pid_, o.pid_);
-    std::swap(out_, o.out_);
-    return *this;
-  }
   ~Child();
   pid_t pid() const { return pid_; }
   std::string read_line();   // of its stdout; empty after 5 s

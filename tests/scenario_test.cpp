@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
 #include "helpers.h"
 
@@ -23,14 +24,13 @@ struct DaemonRun {
   ~DaemonRun();
   Lines messages() const { return log_messages(read_file(dir.path("log"))); }
   bool wait_for(const std::string& line, int timeout_ms, int times = 1) const;
-  int count(const std::string& line) const { return ::count(messages(), line); }
   std::string pid(size_t k) const { return ids[k].at(0); }
   std::string signals(size_t k) const { return read_file(dir.path(std::to_string(k) + ".sig")); }
   // The stand-in's exit status as its shell saw it ("137" after SIGKILL), empty while it runs.
   std::string exit_status(size_t k) const;
   TempDir dir;
   SysrqFifo trigger;
-  Child ns;
+  std::optional<Child> ns;  // unshare
   std::vector<Lines> ids;
 };
 
@@ -76,10 +76,10 @@ DaemonRun::DaemonRun(const std::string& properties, const std::vector<Lines>& st
   std::string vars =
       "OUTER_NS=" + sh_quote(std::filesystem::read_symlink("/proc/self/ns/pid").string()) +
       " DIR=" + sh_quote(dir.dir) + " STAND_IN=" + sh_quote(stand_in_path()) + "\n";
-  ns = spawn("/usr/bin/unshare",
-             {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "/bin/bash", "-c",
-              vars + script},
-             dir.path("ns.log"));
+  ns.emplace(spawn("/usr/bin/unshare",
+                   {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "/bin/bash", "-c",
+                    vars + script},
+                   dir.path("ns.log")));
   for (size_t k = 0; k < stand_ins.size(); ++k) {
     std::string out = dir.path(std::to_string(k) + ".out");
     eventually([&] { return !read_file(out).empty(); }, 6000);
@@ -101,7 +101,7 @@ DaemonRun::~DaemonRun() {
 }
 
 bool DaemonRun::wait_for(const std::string& line, int timeout_ms, int times) const {
-  return eventually([&] { return count(line) >= times; }, timeout_ms);
+  return eventually([&] { return count(messages(), line) >= times; }, timeout_ms);
 }
 
 std::string DaemonRun::exit_status(size_t k) const {
@@ -161,7 +161,7 @@ TEST(Scenario, RebootEndsTheInitOfThePidNamespace) {
   DaemonRun run(props("system_server:watchdog", "reboot"),
                 {{"/system/bin/system_server", "--thread", "watchdog:D"}},
                 {"STALL_WARD_ALLOW_REBOOT=1"});
-  int status = run.ns.wait(2 * kWait);
+  int status = run.ns->wait(2 * kWait);
   ASSERT_TRUE(status != -1 && WIFSIGNALED(status)) << status << read_file(run.dir.path("ns.log"));
   EXPECT_EQ(WTERMSIG(status), SIGHUP);
   Lines m = run.messages();
@@ -178,7 +178,7 @@ TEST(Fault, AHangingPsFiresTheSelfWatchdogAndTheDaemonCarriesOn) {
   EXPECT_EQ(run.trigger.commands(2, 2000), (Lines{"w", "l"}));
   EXPECT_TRUE(
       eventually([&] { return count_prefix(run.messages(), "E long time cost: ") > 0; }, 20000));
-  int sweeps = run.count("I close proc");
+  int sweeps = count(run.messages(), "I close proc");
   EXPECT_TRUE(run.wait_for("I close proc", 20000, sweeps + 1)) << "sweeps go on after ps returns";
 }
 
@@ -187,7 +187,7 @@ TEST(Fault, AHangingPsFiresTheSelfWatchdogAndTheDaemonCarriesOn) {
 // thread that is truly stuck. Runs with STALL_WARD_SOAK=1 (scripts/test.sh --full).
 // The daemon's /proc directory, seen through the namespace's own /proc.
 std::string daemon_proc(const DaemonRun& run) {
-  return "/proc/" + std::to_string(run.ns.pid()) + "/root/proc/" +
+  return "/proc/" + std::to_string(run.ns->pid()) + "/root/proc/" +
          android::base::Trim(read_file(run.dir.path("daemon")));
 }
 
@@ -231,7 +231,7 @@ TEST(Soak, ThousandSweepsOfChurnLeaveTheDaemonFlatAndOnTime) {
   ASSERT_TRUE(done) << "fewer than 1,000 sweeps";
   EXPECT_TRUE(on_time);
   EXPECT_LE(sweeps_before, 6);
-  EXPECT_EQ(run.ns.wait(0), -1) << "the daemon still runs";
+  EXPECT_EQ(run.ns->wait(0), -1) << "the daemon still runs";
   EXPECT_EQ(count(m, "E Alarm! self stuck!"), 0);
   EXPECT_LE(count(m, "I go through proc") - count(m, "I close proc"), 1) << "each sweep completes";
   EXPECT_EQ(fds_end, fds_start);
