@@ -174,10 +174,6 @@ SysrqFifo::SysrqFifo(const std::string& path) {
   fd_ = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
 }
 
-SysrqFifo::~SysrqFifo() {
-  close(fd_);
-}
-
 Lines SysrqFifo::commands(size_t at_least, int timeout_ms) {
   Lines out;
   eventually(

@@ -90,7 +90,7 @@ std::string stand_in_path();
 class SysrqFifo {
  public:
   explicit SysrqFifo(const std::string& path);
-  ~SysrqFifo();
+  ~SysrqFifo() { close(fd_); }
   Lines commands(size_t at_least = 0, int timeout_ms = 0);
 
  private:

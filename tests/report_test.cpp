@@ -54,12 +54,11 @@ TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
     json dumps = story({dir.path(file)})["kernel_dumps"];
     ASSERT_EQ(dumps.size(), 1u) << "the backtrace of active CPUs is not a blocked-task dump";
     ASSERT_EQ(dumps[0]["tasks"].size(), tasks);
-    json task = dumps[0]["tasks"][0];
-    EXPECT_EQ(task["comm"], "watchdog");
-    EXPECT_EQ(task["state"], "D");
-    EXPECT_EQ(task["pid"], 1301);
-    EXPECT_EQ(task["ppid"], ppid);
-    EXPECT_EQ(android::base::Join(task["stack"].get<Lines>(), " "), stack);
+    EXPECT_EQ(dumps[0]["tasks"][0], (json{{"comm", "watchdog"},
+                                          {"state", "D"},
+                                          {"pid", 1301},
+                                          {"ppid", ppid},
+                                          {"stack", android::base::Split(stack, " ")}}));
   }
 }
 

@@ -23,11 +23,15 @@ struct DaemonRun {
             const Lines& env = {}, const std::string& more = "");  // more: run beside, in bash
   ~DaemonRun();
   Lines messages() const { return log_messages(read_file(dir.path("log"))); }
-  bool wait_for(const std::string& line, int timeout_ms, int times = 1) const;
+  bool wait_for(const std::string& line, int timeout_ms, int times = 1) const {
+    return eventually([&] { return count(messages(), line) >= times; }, timeout_ms);
+  }
   std::string pid(size_t k) const { return ids[k].at(0); }
   std::string signals(size_t k) const { return read_file(dir.path(std::to_string(k) + ".sig")); }
   // The stand-in's exit status as its shell saw it ("137" after SIGKILL), empty while it runs.
-  std::string exit_status(size_t k) const;
+  std::string exit_status(size_t k) const {
+    return android::base::Trim(read_file(dir.path(std::to_string(k) + ".exit")));
+  }
   TempDir dir;
   SysrqFifo trigger;
   std::optional<Child> ns;  // unshare
@@ -98,14 +102,6 @@ DaemonRun::~DaemonRun() {
   for (int n = 2; std::filesystem::exists(path); ++n)
     path = base + "-" + std::to_string(n) + ".log";
   write_file(path, read_file(dir.path("log")));
-}
-
-bool DaemonRun::wait_for(const std::string& line, int timeout_ms, int times) const {
-  return eventually([&] { return count(messages(), line) >= times; }, timeout_ms);
-}
-
-std::string DaemonRun::exit_status(size_t k) const {
-  return android::base::Trim(read_file(dir.path(std::to_string(k) + ".exit")));
 }
 
 namespace {
