@@ -156,6 +156,9 @@ StandIn start_stand_in(const Lines& argv) {
   std::istringstream line(s.child.read_line());  // "<pid> <tid> ..." once in place
   line >> s.pid;
   for (pid_t tid; line >> tid;) s.tids.push_back(tid);
+  // Its ids go to kill(), where -1 would reach every process: a stand-in that did not start ends
+  // the test program, once it is reaped.
+  if (s.pid <= 0) s.child.~Child(), abort();
   return s;
 }
 
