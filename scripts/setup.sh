@@ -6,10 +6,13 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 as_root() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi; }
 
-# install_missing PACKAGE...: apt-get install of those not installed yet.
+# install_missing PACKAGE...: apt-get install of those not installed yet. (dpkg-query, not dpkg -s:
+# once a package is installed for arm64 too, dpkg -s refuses its plain name as ambiguous.)
 install_missing() {
   local missing=()
-  for p in "$@"; do dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p"); done
+  for p in "$@"; do
+    [[ "$(dpkg-query -W -f='${db:Status-Abbrev}' "$p" 2>/dev/null)" == ii* ]] || missing+=("$p")
+  done
   [ ${#missing[@]} -eq 0 ] && return 0
   echo "installing: ${missing[*]}"
   as_root apt-get update -q
