@@ -76,7 +76,8 @@ class Child {
 // Runs program with argv, stdout to a pipe, stderr to err_path when given.
 Child spawn(const std::string& program, const Lines& argv, const std::string& err_path = "");
 
-// tools/stand_in, started with argv: its pid and its threads' ids in the order of --thread.
+// tools/stand_in, started with argv: its pid and its threads' ids in the order of --thread (the
+// test program aborts when it does not start).
 struct StandIn {
   Child child;
   pid_t pid = -1;
