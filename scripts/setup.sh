@@ -15,8 +15,10 @@ install_missing() {
   done
   [ ${#missing[@]} -eq 0 ] && return 0
   echo "installing: ${missing[*]}"
-  as_root apt-get update -q
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
+  # Another install running beside this one (two scripts at once) is waited for, not failed on.
+  as_root apt-get -o DPkg::Lock::Timeout=600 update -q
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y -q \
+    --no-install-recommends "${missing[@]}"
 }
 
 install_missing cmake g++ make libgtest-dev android-liblog-dev android-libbase-dev \
