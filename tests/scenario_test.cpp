@@ -157,13 +157,15 @@ TEST(Scenario, AZombieMainThreadIsFoundThroughPsAndItsParentAnswers) {
 // of vf, one the checker must not see), and then what the daemon really does there.
 TEST(Scenario, TheCheckersLiveFindingsAreWhatTheDaemonDoes) {
   DaemonRun run(
-      props("twice:watchdog vf:hang long:PowerManagerService app:idle ghost mainly"),
+      props("twice:watchdog vf:hang long:PowerManagerService:no app:idle ghost mainly jit:Jit z:t"),
       {{"twice", "--thread", "watchdog:D"},
        {"twice", "--thread", "watchdog:D"},
        {"vf", "--thread", "hang:D"},
        {"long", "--thread", "PowerManagerService:S", "--signals", "@sig"},
        {"zygote64", "--spawn", "app", "--thread", "idle:S", "--signals", "@sig"},
-       {"mainly", "--main-name", "other"}},
+       {"mainly", "--main-name", "other"},
+       {"jit", "--thread", "Jit thread pool:S", "--signals", "@sig"},
+       {"z", "--main", "Z", "--thread", "t:S"}},
       {}, "STALL_WARD_PROPERTIES=\"$DIR/props\" " STALL_WARD_CHECK_PATH " --live >\"$DIR/check\"");
   for (size_t k : {2, 3, 4})
     EXPECT_TRUE(run.wait_for("I killing proc " + run.pid(k), 2 * kWait)) << k;
@@ -178,12 +180,17 @@ TEST(Scenario, TheCheckersLiveFindingsAreWhatTheDaemonDoes) {
       {"\nerror asleep-app-thread: app:idle\n", true, "I dumped " + run.pid(4)},
       {"\nerror no-process: ghost\n", true, "I ghost proc not started"},
       {"\nerror main-thread-name: mainly\n", true, "I mainly proc not started"},
+      {"\nerror no-thread: long:no\n", true, "I thread no not start"},
+      {"\nerror blank-thread: jit:Jit\n", true, "I dumped " + run.pid(6)},
+      {"\nwarning zombie-leader: z\n", true, "I t proc not started"},
   };
   for (const auto& [finding, given, line] : rows) {
     EXPECT_EQ(check.find(finding) != std::string::npos, given) << finding << "\n" << check;
   }
   EXPECT_EQ(count(m, std::get<2>(rows[0])), 0);
-  for (size_t k : {0, 1, 5}) EXPECT_EQ(count_prefix(m, "I dumped " + run.pid(k)), 0) << k;
+  for (size_t k : {0, 1, 5}) {  // a pid may start another's: whole lines
+    EXPECT_EQ(count(m, "I dumped " + run.pid(k)) + count(m, "I dumped " + run.pid(k) + " D"), 0);
+  }
   for (size_t r = 1; r < std::size(rows); ++r) EXPECT_GT(count(m, std::get<2>(rows[r])), 0) << r;
   EXPECT_EQ(run.signals(4), "sig=3\nsig=35\n");
 }
