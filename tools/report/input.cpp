@@ -187,7 +187,7 @@ void emit_line(const std::string& raw, bool cut, SectionFilter* filter, InputSta
   }
   if (line.year != 0 && stats->year == 0) {
     stats->year = line.year;
-    stats->year_from = "the log lines (logcat -v year)";
+    stats->year_from = "logcat -v year";
   }
   if (!line.zone.empty() && stats->zone.empty()) stats->zone = line.zone;
   sink(line);

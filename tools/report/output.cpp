@@ -2,6 +2,7 @@
 // CSS, no scripts, nothing fetched), and JSON for tools.
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <math.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -337,8 +338,14 @@ std::string stack_html(const KernelTask& task) {
          escape(android::base::Join(under, " › ")) + "</div>";
   }
   h += "<ol>";
+  bool found = false;  // the first reliable frame below the scheduler: what the task waits in
   for (size_t i = sched; i < task.stack.size(); ++i) {
-    if (unsure(task, i)) {
+    if (!found && !unsure(task, i) && !scheduler_frame(task.stack[i])) {
+      found = true;
+      h += "<li class=\"waits\" title=\"the first frame below the scheduler: what the task "
+           "waits in\">" +
+           escape(task.stack[i]) + "</li>";
+    } else if (unsure(task, i)) {
       h += "<li class=\"unsure\" title=\"printed with ?: an address the unwinder found on the "
            "stack, perhaps not a caller\">? " +
            escape(task.stack[i]) + "</li>";
@@ -428,10 +435,14 @@ std::string timeline_html(const Story& story, const Run& run, const Record& rec,
   h += StringPrintf("<span class=\"ylabel\" style=\"top:%.1f%%\">timeout %llds</span>", ty,
                     static_cast<long long>(run.timeout_s));
   double last = -100;
-  int row = 0;
+  int last_row = -1;
   for (const Mark& m : rec.marks) {
     double px = x(m.ms) / 10;
-    row = px - last < 14 ? (row + 1) % 3 : 0;
+    // A policy's label (long, often at the right end) goes below the others; a label close to
+    // the one before goes a row lower.
+    int row = m.kind == "policy" ? 1 : 0;
+    if (px - last < 14 && row == last_row) row = (row + 1) % 3;
+    last_row = row;
     last = px;
     std::string label = m.kind == "policy"        ? named(story, run, m.text)
                         : m.kind == "not-started" ? "not found"
@@ -503,7 +514,7 @@ h3 { font-size: 16px; margin: 24px 0 8px; } h4 { font-size: 15px; margin: 0 0 8p
 .kernel h5 { margin-top: 0; } .missing { color: #92400e; background: #fff8e1; padding: 8px 10px; border-radius: 4px; margin: 0; }
 .stack { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; background: #f8fafc; border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; overflow-x: auto; }
 .stack ol { margin: 0; padding-left: 22px; } .stack .sched { color: #9ca3af; border-bottom: 1px dashed var(--line); padding-bottom: 3px; margin-bottom: 3px; }
-.stack .unsure { color: #9ca3af; font-style: italic; }
+.stack .unsure { color: #9ca3af; font-style: italic; } .stack .waits { font-weight: 700; color: #111827; }
 details.dump { margin-top: 8px; font-size: 13px; } details.dump summary { cursor: pointer; color: var(--muted); }
 .legend { color: var(--muted); font-size: 13px; } .legend i { display: inline-block; width: 11px; height: 11px; margin: 0 4px 0 10px; vertical-align: -1px; border-radius: 2px; }
 .timeline { margin: 4px 0 18px; } .plot { position: relative; height: 110px; border-left: 1px solid #9ca3af; border-bottom: 1px solid #9ca3af; }
@@ -672,7 +683,7 @@ std::string json_report(const Story& story) {
     if (clock.empty()) return nullptr;
     if (ms < 0 && clock[0] == '[') {
       return {{"ms", nullptr},
-              {"since_boot_ms", static_cast<int64_t>(atof(clock.c_str() + 1) * 1000)},
+              {"since_boot_ms", llround(atof(clock.c_str() + 1) * 1000)},
               {"clock", clock}};
     }
     if (ms < 0) ms = clock_ms(clock);
@@ -725,7 +736,8 @@ std::string json_report(const Story& story) {
       for (const Point& p : rec.points)
         points.push_back({in_year(p.ms), std::string(1, p.state), p.stall_ms});
       for (const Mark& m : rec.marks)
-        marks.push_back({{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", m.text}});
+        marks.push_back(
+            {{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", named(story, run, m.text)}});
       r["records"][rec.name] = {{"thread", rec.name},
                                 {"process", name_or_null(rec.process)},
                                 {"cmd", rec.cmd},
@@ -756,7 +768,7 @@ std::string json_report(const Story& story) {
     for (const Mark& m : run.events) {
       r["events"].push_back({{"time", time(m.ms, m.clock)},
                              {"kind", m.kind},
-                             {"text", m.text},
+                             {"text", named(story, run, m.text)},
                              {"kernel_dump", m.dump >= 0 ? json(m.dump) : json(nullptr)}});
     }
     j["runs"].push_back(r);
