@@ -358,8 +358,10 @@ std::string stack_html(const KernelTask& task) {
 }
 
 // Every task of a dump, folded, each stack once.
-std::string dump_html(const KernelDump& dump, int except_tid, const std::string& summary) {
-  std::string h = "<details class=\"dump\"><summary>" + escape(summary) + "</summary>";
+std::string dump_html(const KernelDump& dump, int except_tid, const std::string& summary,
+                      bool open = false) {
+  std::string h = std::string("<details class=\"dump\"") + (open ? " open" : "") + "><summary>" +
+                  escape(summary) + "</summary>";
   for (const KernelTask& task : dump.tasks) {
     if (task.pid == except_tid) continue;
     h += StringPrintf("<h5>%s <span class=\"muted\">(pid %d, %c)</span></h5>",
@@ -367,6 +369,17 @@ std::string dump_html(const KernelDump& dump, int except_tid, const std::string&
          stack_html(task);
   }
   return h + "</details>";
+}
+
+// A policy mark's label: the action as its incident tells it, with the target named.
+std::string policy_words(const Story& story, const Run& run, const Record& rec, const Mark& m) {
+  for (const Incident& in : run.incidents) {
+    if (in.record != rec.name) continue;
+    for (const Action& a : in.actions) {
+      if (a.clock == m.clock && !evidence_action(a)) return action_words(story, run, in, a);
+    }
+  }
+  return named(story, run, m.text);
 }
 
 // Ticks for a time axis: at a round step that gives at most `most` of them.
@@ -444,7 +457,7 @@ std::string timeline_html(const Story& story, const Run& run, const Record& rec,
     if (px - last < 14 && row == last_row) row = (row + 1) % 3;
     last_row = row;
     last = px;
-    std::string label = m.kind == "policy"        ? named(story, run, m.text)
+    std::string label = m.kind == "policy"        ? policy_words(story, run, rec, m)
                         : m.kind == "not-started" ? "not found"
                                                   : m.kind;
     h += StringPrintf(
@@ -633,8 +646,10 @@ std::string html_report(const Story& story) {
       bool main = rec.process.empty() || rec.process == rec.name;
       h += "<h4>" + escape(rec.name) + "<span class=\"muted\">" +
            (main ? std::string(" (main thread)") : " of " + escape(rec.process)) +
-           (rec.pid > 0 ? StringPrintf(", last bound to pid %d, tid %d", rec.pid, rec.tid)
-                        : std::string(", never found running")) +
+           (rec.pid > 0 && rec.tid != rec.pid
+                ? StringPrintf(", last bound to pid %d, tid %d", rec.pid, rec.tid)
+            : rec.pid > 0 ? StringPrintf(", last bound to pid %d", rec.pid)
+                          : std::string(", never found running")) +
            "</span></h4>\n";
       h += !rec.points.empty() || !rec.marks.empty() ? timeline_html(story, run, rec, from, to, at)
                                                      : "<p class=\"muted\">never sampled</p>\n";
@@ -665,7 +680,8 @@ std::string html_report(const Story& story) {
     if (dump.answers.empty())
       loose += dump_html(
           dump, 0,
-          StringPrintf("SysRq w %s: %zu blocked tasks", dump.clock.c_str(), dump.tasks.size()));
+          StringPrintf("SysRq w %s: %zu blocked tasks", dump.clock.c_str(), dump.tasks.size()),
+          true);
   }
   if (!loose.empty()) h += "<h2>Kernel blocked-task dumps no daemon line asked for</h2>\n" + loose;
   return h + "</body></html>\n";
