@@ -515,7 +515,7 @@ constexpr const char kStyle[] = R"(
 body { font: 15px/1.5 system-ui, -apple-system, "Segoe UI", sans-serif; margin: 0 auto; padding: 20px 24px 48px; color: #1f2937; max-width: 1100px; }
 h1 { font-size: 24px; margin: 0 0 4px; } h2 { font-size: 19px; margin: 36px 0 8px; padding-bottom: 6px; border-bottom: 2px solid var(--line); }
 h3 { font-size: 16px; margin: 24px 0 8px; } h4 { font-size: 15px; margin: 0 0 8px; } h5 { font-size: 13px; margin: 10px 0 4px; }
-.muted, .sub { color: var(--muted); font-weight: normal; }
+.muted, .sub, .when { color: var(--muted); font-weight: normal; } .when { white-space: nowrap; font-size: 15px; }
 .note { background: #fff8e1; padding: 10px 14px; border-left: 4px solid #e0b000; border-radius: 4px; }
 .facts { display: flex; flex-wrap: wrap; gap: 8px; margin: 8px 0; padding: 0; }
 .facts div { background: #f3f4f6; border-radius: 6px; padding: 4px 10px; } .facts dt { display: inline; color: var(--muted); } .facts dd { display: inline; margin: 0 0 0 6px; font-weight: 600; }
@@ -600,7 +600,10 @@ std::string html_report(const Story& story) {
       std::string(kStyle) + "</style></head><body>\n<h1>stall_ward report</h1>\n";
   h += "<p class=\"sub\">" + escape(summary(story)) + "</p>\n";
   for (const Run& run : story.runs) {
-    h += "<section class=\"run\"><h2>" + escape(run_title(run)) + "</h2>\n";
+    h += StringPrintf("<section class=\"run\"><h2>stall_ward (pid %d) <span class=\"when\">",
+                      run.pid) +
+         escape(run.started.empty() ? "its start not in the log" : "started " + run.started) +
+         "</span></h2>\n";
     if (run.lines == 0) {
       h += "<p class=\"note\">" + escape(kQuiet) + "</p></section>\n";
       continue;
