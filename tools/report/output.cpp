@@ -802,7 +802,7 @@ std::string json_report(const Story& story) {
       tasks.push_back({{"comm", t.comm},
                        {"state", std::string(1, t.state)},
                        {"pid", t.pid},
-                       {"ppid", t.ppid},
+                       {"ppid", pid_or_null(t.ppid)},
                        {"stack", t.stack},
                        {"unreliable_frames", unreliable}});
     }
