@@ -221,6 +221,11 @@ bool parse_line(const std::string& raw, Line* line) {
   return parse_logcat(raw, line) || parse_kernel(raw, line);
 }
 
+int64_t clock_ms(const std::string& clock) {
+  int64_t ms = -1;
+  return parse_clock(clock.data(), clock.size(), &ms) ? ms : -1;
+}
+
 void read_inputs(const std::vector<std::string>& paths, InputStats* stats,
                  const std::function<void(const Line&)>& sink) {
   std::vector<char> chunk(kChunk);

@@ -76,18 +76,6 @@ std::string month_day(int64_t ms) {
   return StringPrintf("%02d-%02d", month + 1, day - kDaysBefore[month] + 1);
 }
 
-// The milliseconds parse_line counts from a logcat clock ("MM-DD hh:mm:ss.mmm"), -1 for another.
-int64_t clock_ms(const std::string& clock) {
-  int mo = 0, d = 0, h = 0, mi = 0, sec = 0, milli = 0;
-  if (clock.size() != 18 ||
-      sscanf(clock.c_str(), "%2d-%2d %2d:%2d:%2d.%3d", &mo, &d, &h, &mi, &sec, &milli) != 6 ||
-      mo < 1 || mo > 12) {
-    return -1;
-  }
-  static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
-  return (((kDaysBefore[mo - 1] + d - 1) * 24LL + h) * 60 + mi) * 60000 + sec * 1000 + milli;
-}
-
 // "07:58:13" of a logcat clock; a kernel clock as it is.
 std::string hms(const std::string& clock) {
   return clock.size() == 18 ? clock.substr(6, 8) : clock;
@@ -119,7 +107,9 @@ const KernelTask* task_of(const KernelDump& dump, int tid) {
 std::string name_of(const Story& story, const Run& run, int pid) {
   for (const auto& entry : run.records) {
     const Record& rec = entry.second;
-    if (rec.pid == pid && pid > 0) return rec.process.empty() ? rec.name : rec.process;
+    if (rec.pid != pid || pid <= 0) continue;
+    if (!rec.process.empty()) return rec.process;
+    if (rec.tid == pid) return rec.name;  // a process watched by its main thread
   }
   for (const KernelDump& dump : story.dumps) {
     const KernelTask* task = task_of(dump, pid);
@@ -175,7 +165,8 @@ std::string target_words(const Story& story, const Run& run, const Incident& in,
 std::string action_words(const Story& story, const Run& run, const Incident& in, const Action& a) {
   if (a.what == "sysrq-w") return "SysRq w";
   if (a.what == "sysrq-l") return "SysRq l";
-  if (a.what == "sigquit") return "SIGQUIT to " + target_words(story, run, in, a);
+  if (a.what == "sigquit")  // the log does not say whether the process is an app
+    return "SIGQUIT to " + target_words(story, run, in, a) + " if it is an app";
   if (a.what == "signal-35") return "signal 35 to " + target_words(story, run, in, a);
   if (a.what == "kill") return "killed " + target_words(story, run, in, a);
   if (a.what == "reboot") return "rebooted the device";

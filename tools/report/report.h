@@ -28,6 +28,8 @@ struct Line {
 // Parses one line in logcat's threadtime form (with or without a uid column or a year) or a kernel
 // log line ("[  12.345678] text", with an optional "<6>" priority). False for anything else.
 bool parse_line(const std::string& raw, Line* line);
+// The milliseconds Line::ms holds for a logcat clock ("MM-DD hh:mm:ss.mmm"), -1 for another.
+int64_t clock_ms(const std::string& clock);
 
 struct InputStats {
   uint64_t lines = 0;               // lines looked at (in a bug report: in its log sections)

@@ -70,6 +70,7 @@ void start_run(Builder* b, const Line& line, bool started) {
   b->run = &b->story.runs.back();
   b->ctx = &b->contexts.back();
   b->run->pid = line.pid;
+  if (line.ms >= 0) b->run->first_ms = b->run->last_ms = line.ms;
   if (started) b->run->started = line.clock;
   set_timeout(b->run, kDefaultTimeout);
 }
