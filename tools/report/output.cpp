@@ -432,24 +432,33 @@ std::string timeline_html(const Story& story, const Run& run, const Record& rec,
   for (const Point& p : rec.points) line += StringPrintf("%.1f,%.1f ", x(p.ms), y(p.stall_ms));
   h += "<polyline class=\"stall\" points=\"" + line + "\"/>";
   for (const Mark& m : rec.marks) {
-    h += StringPrintf("<line class=\"mark %s\" x1=\"%.1f\" y1=\"0\" x2=\"%.1f\" y2=\"100\"/>",
-                      m.kind.c_str(), x(m.ms), x(m.ms));
+    h += StringPrintf(
+        "<line class=\"mark %s\" x1=\"%.1f\" y1=\"0\" x2=\"%.1f\" y2=\"100\"><title>%s "
+        "%s</title></line>",
+        m.kind.c_str(), x(m.ms), x(m.ms), escape(hms(m.clock)).c_str(),
+        escape(named(story, run, m.text)).c_str());
   }
   h += "</svg>";
   h += StringPrintf("<span class=\"ylabel\" style=\"top:%.1f%%\">timeout %llds</span>", ty,
                     static_cast<long long>(run.timeout_s));
   double last = -100;
   int last_row = -1;
+  std::map<std::string, double> labelled;  // kind: where its last label is
   for (const Mark& m : rec.marks) {
     double px = x(m.ms) / 10;
-    // A policy's label (long, often at the right end) goes below the others; a label close to
-    // the one before goes a row lower.
+    // A mark close to the last labelled one of its kind goes without a label (its line has the
+    // title); a policy's label (long, often at the right end) goes below the others; a label
+    // close to the one before goes a row lower.
+    auto same = labelled.find(m.kind);
+    if (same != labelled.end() && px - same->second < 14) continue;
+    labelled[m.kind] = px;
     int row = m.kind == "policy" ? 1 : 0;
     if (px - last < 14 && row == last_row) row = (row + 1) % 3;
     last_row = row;
     last = px;
     std::string label = m.kind == "policy"        ? policy_words(story, run, rec, m)
                         : m.kind == "not-started" ? "not found"
+                        : m.kind == "bind"        ? "rebound"
                                                   : m.kind;
     h += StringPrintf(
         "<span class=\"mlabel %s%s\" style=\"left:%.2f%%;top:%dpx\" title=\"%s %s\">%s</span>",
