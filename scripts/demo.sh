@@ -48,7 +48,8 @@ echo
 
 preload=()
 if [ "$speed" -gt 1 ]; then
-  preload=(LD_PRELOAD="$(ls /usr/lib/*/faketime/libfaketime.so.1 | head -n 1)"
+  # the host's own library: arm64 packages may be installed beside it
+  preload=(LD_PRELOAD="/usr/lib/$(gcc -print-multiarch)/faketime/libfaketime.so.1"
            FAKETIME="+0 x$speed")
 fi
 env "${preload[@]}" STALL_WARD_PROPERTIES="$work/props" \

@@ -37,28 +37,32 @@ std::string kernel(const std::string& name, int tid) {
 }
 
 TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
-  const std::tuple<const char*, size_t, int, const char*> cases[] = {
-      // excerpt; blocked tasks; the first one's parent and stack
+  const std::tuple<const char*, size_t, int, const char*, const char*> cases[] = {
+      // excerpt; blocked tasks; the first one's parent, stack and frames printed with "?"
       {"dmesg-4.14.txt", 2, 5,
        "__switch_to __schedule schedule schedule_timeout wait_for_common wait_for_completion "
-       "binder_thread_read binder_ioctl_write_read binder_ioctl do_vfs_ioctl"},
+       "binder_thread_read binder_ioctl_write_read binder_ioctl do_vfs_ioctl",
+       ""},
       {"dmesg-6.6.txt", 1, 1,
        "__schedule schedule schedule_timeout __pfx_process_timeout wait_for_completion_killable "
-       "fuse_simple_request"},
-      {"logcat-kernel-5.10.txt", 1, 5, "__switch_to __schedule schedule io_schedule"},
+       "fuse_simple_request",
+       "3"},
+      {"logcat-kernel-5.10.txt", 1, 5, "__switch_to __schedule schedule io_schedule", ""},
   };
   TempDir dir;
-  for (const auto& [file, tasks, ppid, stack] : cases) {
+  for (const auto& [file, tasks, ppid, stack, unreliable] : cases) {
     SCOPED_TRACE(file);
     write_file(dir.path(file), kernel(file, 1301));
     json dumps = story({dir.path(file)})["kernel_dumps"];
     ASSERT_EQ(dumps.size(), 1u) << "the backtrace of active CPUs is not a blocked-task dump";
     ASSERT_EQ(dumps[0]["tasks"].size(), tasks);
-    EXPECT_EQ(dumps[0]["tasks"][0], (json{{"comm", "watchdog"},
-                                          {"state", "D"},
-                                          {"pid", 1301},
-                                          {"ppid", ppid},
-                                          {"stack", android::base::Split(stack, " ")}}));
+    EXPECT_EQ(dumps[0]["tasks"][0],
+              (json{{"comm", "watchdog"},
+                    {"state", "D"},
+                    {"pid", 1301},
+                    {"ppid", ppid},
+                    {"stack", android::base::Split(stack, " ")},
+                    {"unreliable_frames", json::parse("[" + std::string(unreliable) + "]")}}));
   }
 }
 
@@ -101,15 +105,15 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   struct Case {
     const char* test;
     const char *record = nullptr, *state = nullptr, *evidence = nullptr, *action_line = nullptr,
-               *action = nullptr;
+               *action = nullptr, *target = nullptr;  // the action's target by name, if known
   } cases[] = {
-      {"ABlockedThreadGetsKernelDumpsThenTheKill", "watchdog", "D", "SysRq w, l", "killing proc ",
-       "killed pid "},
-      {"RebootEndsTheInitOfThePidNamespace", "watchdog", "D", "SysRq w, l", "rebooting", "reboot"},
+      {"ABlockedThreadGetsKernelDumpsThenTheKill", "watchdog", "D", "sysrq-w", "killing proc ",
+       "kill", "system_server"},
+      {"RebootEndsTheInitOfThePidNamespace", "watchdog", "D", "sysrq-w", "rebooting", "reboot"},
       {"AHangingPsFiresTheSelfWatchdogAndTheDaemonCarriesOn"},
       {"ABlockedThreadGetsKernelDumpsThenTheKill-2"},  // debug off: no incident
-      {"AZombieMainThreadIsFoundThroughPsAndItsParentAnswers", "surfaceflinger", "Z",
-       "signal 35 to parent ", "killing proc ", "killed pid "},
+      {"AZombieMainThreadIsFoundThroughPsAndItsParentAnswers", "surfaceflinger", "Z", "signal-35",
+       "killing proc ", "kill"},  // the parent, whose name no input gives
   };
   const Lines garbage = {std::string("\x01\xff\xfe binary", 10), "11-22 08:07:30.105    10",
                          "11-22 08:07:30.105    10    10 I stall_ward", "[ 12.5 not kernel",
@@ -148,6 +152,7 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   for (const char* input : {"bugreport-x.txt", "bugreport-x.zip"}) {
     json s = story({dir.path(input)});
     EXPECT_EQ(s["unreadable"], inserted) << input;
+    EXPECT_EQ(s["time"]["year"], 2026) << "from the dumpstate line";
     ASSERT_EQ(s["runs"].size(), std::size(cases)) << "the line outside the log sections is read";
     for (size_t i = 0; i < std::size(cases); ++i) {
       const Case& c = cases[i];
@@ -166,18 +171,23 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
       json in = run["incidents"][0];
       EXPECT_EQ(in["record"], c.record);
       EXPECT_EQ(in["state"], c.state);
-      EXPECT_TRUE(android::base::StartsWith(in["evidence"].get<std::string>(), c.evidence)) << in;
-      EXPECT_TRUE(android::base::StartsWith(in["action"].get<std::string>(), c.action)) << in;
-      EXPECT_EQ(in["since"], clock_of(log, "match="));
-      EXPECT_EQ(in["evidence_clock"], clock_of(log, "dumped "));
-      EXPECT_EQ(in["action_clock"], clock_of(log, c.action_line));
+      json first = in["actions"].front(), last = in["actions"].back();
+      EXPECT_EQ(first["what"], c.evidence) << in;
+      EXPECT_EQ(last["what"], c.action) << in;
+      EXPECT_EQ(last["target"], c.target ? json(c.target) : json(nullptr)) << in;
+      EXPECT_EQ(in["since"]["clock"], clock_of(log, "match="));
+      EXPECT_EQ(first["time"]["clock"], clock_of(log, "dumped "));
+      EXPECT_EQ(last["time"]["clock"], clock_of(log, c.action_line));
       EXPECT_EQ(count(m, "I dumped " + std::to_string(in["pid"].get<int>()) + " " + c.state), 1);
     }
     ASSERT_EQ(s["kernel_dumps"].size(), static_cast<size_t>(asked));
     for (const json& dump : s["kernel_dumps"]) EXPECT_NE(dump["answers"], "");
     std::string account = report::text_report(report::build_story({dir.path(input)}));
-    EXPECT_NE(account.find("; kernel stack: __switch_to < __schedule < schedule <"),
-              std::string::npos)
+    EXPECT_NE(
+        account.find("; kernel stack: wait_for_common < wait_for_completion < binder_thread_read "
+                     "< binder_ioctl_write_read < binder_ioctl < do_vfs_ioctl (under the "
+                     "scheduler's __switch_to < __schedule < schedule < schedule_timeout)"),
+        std::string::npos)
         << account;
     EXPECT_NE(account.find("Its log holds only \"started\""), std::string::npos) << "debug off";
   }
@@ -195,13 +205,17 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   EXPECT_EQ(browser.wait(30000), 0);
   EXPECT_EQ(read_file(dir.path("browser.log")).find("CONSOLE"), std::string::npos)
       << read_file(dir.path("browser.log"));
-  Lines shown;
-  const std::string row = "<tr class=\"incident\"><td>`";
-  for (size_t at = 0; (at = dom.find(row, at)) != std::string::npos; ++at) {
-    shown.push_back(dom.substr(at + row.size(), dom.find('`', at + row.size()) - at - row.size()));
+  Lines shown;  // each incident by name, with the thread's kernel stack once, beside it
+  const std::string row = "</span> ";
+  for (size_t at = 0; (at = dom.find("<article class=\"incident\">", at)) != std::string::npos;
+       ++at) {
+    size_t name = dom.find(row, at) + row.size();
+    shown.push_back(dom.substr(name, dom.find(" (", name) - name));
   }
-  EXPECT_EQ(shown, (Lines{"watchdog", "watchdog", "surfaceflinger"}));
-  EXPECT_NE(dom.find("<svg class=\"timeline\""), std::string::npos);
+  EXPECT_EQ(shown, (Lines{"thread watchdog", "thread watchdog", "surfaceflinger"}));
+  EXPECT_EQ(dom.find_first_of("`"), std::string::npos);
+  EXPECT_EQ(dom.find("pid -1"), std::string::npos);
+  EXPECT_NE(dom.find("<div class=\"timeline\"><div class=\"plot\"><svg"), std::string::npos);
 }
 
 }  // namespace

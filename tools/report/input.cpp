@@ -22,16 +22,19 @@ bool digits(const char* p, int n) {
   return true;
 }
 
-// "MM-DD hh:mm:ss.mmm": milliseconds since the start of the year (months counted as 31 days,
-// which keeps the order, the only thing the report needs of them across months).
+// "MM-DD hh:mm:ss.mmm": milliseconds since the start of the year, by the calendar of a leap year
+// (every date a log can print has its day; a common year's count from March on is one day less).
 bool parse_clock(const char* p, size_t len, int64_t* ms) {
   if (len < 18 || !digits(p, 2) || p[2] != '-' || !digits(p + 3, 2) || p[5] != ' ' ||
       !digits(p + 6, 2) || p[8] != ':' || !digits(p + 9, 2) || p[11] != ':' || !digits(p + 12, 2) ||
       p[14] != '.' || !digits(p + 15, 3)) {
     return false;
   }
+  static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
   auto num = [p](int at) { return (p[at] - '0') * 10 + (p[at + 1] - '0'); };
-  *ms = ((((num(0) * 31 + num(3)) * 24LL + num(6)) * 60 + num(9)) * 60 + num(12)) * 1000 +
+  if (num(0) < 1 || num(0) > 12 || num(3) < 1) return false;
+  *ms = ((((kDaysBefore[num(0) - 1] + num(3) - 1) * 24LL + num(6)) * 60 + num(9)) * 60 + num(12)) *
+            1000 +
         (p[15] - '0') * 100 + (p[16] - '0') * 10 + (p[17] - '0');
   return true;
 }
@@ -67,6 +70,12 @@ bool parse_logcat(const std::string& raw, Line* line) {
   if (colon == std::string::npos && !rest.empty() && rest.back() == ':') colon = rest.size() - 1;
   if (colon == std::string::npos) return false;  // cut short before its message
   line->kind = Line::kLogcat;
+  line->year = at == 5 ? atoi(raw.c_str()) : 0;
+  const std::string& zone = fields[0];  // -v zone: "+0900" between the clock and the pid
+  line->zone =
+      n == 4 && zone.size() == 5 && strchr("+-", zone[0]) != nullptr && digits(zone.data() + 1, 4)
+          ? zone
+          : "";
   line->clock = raw.substr(at, 18);
   line->ms = ms;
   line->tag = android::base::Trim(rest.substr(0, colon));
@@ -104,6 +113,8 @@ bool parse_kernel(const std::string& raw, Line* line) {
   line->kind = Line::kKernel;
   line->clock = "[" + android::base::Trim(stamp) + "]";
   line->ms = -1;
+  line->year = 0;
+  line->zone.clear();
   line->pid = line->tid = 0;
   line->tag.clear();
   line->text = raw.substr(text);
@@ -142,10 +153,15 @@ struct LineSplitter {
 struct SectionFilter {
   bool bugreport = false;
   bool in_log = false;
-  bool wants(const std::string& l) {
+  bool wants(const std::string& l, InputStats* stats) {
     if (android::base::StartsWith(l, "========")) return false;  // a bug report's first line
     if (android::base::StartsWith(l, "== dumpstate:")) {
       bugreport = true;
+      int year = atoi(l.c_str() + strlen("== dumpstate:"));
+      if (stats->year == 0 && year > 1970) {
+        stats->year = year;
+        stats->year_from = "the bug report's dumpstate line";
+      }
       return false;
     }
     if (android::base::StartsWith(l, "------ ") && android::base::EndsWith(l, " ------")) {
@@ -161,7 +177,7 @@ void emit_line(const std::string& raw, bool cut, SectionFilter* filter, InputSta
                const std::function<void(const Line&)>& sink) {
   std::string l = raw;
   if (!l.empty() && l.back() == '\r') l.pop_back();
-  if (!filter->wants(l)) return;
+  if (!filter->wants(l, stats)) return;
   if (l.empty() || android::base::StartsWith(l, "--------- beginning of ")) return;
   ++stats->lines;
   Line line;
@@ -169,6 +185,11 @@ void emit_line(const std::string& raw, bool cut, SectionFilter* filter, InputSta
     ++stats->unreadable;
     return;
   }
+  if (line.year != 0 && stats->year == 0) {
+    stats->year = line.year;
+    stats->year_from = "logcat -v year";
+  }
+  if (!line.zone.empty() && stats->zone.empty()) stats->zone = line.zone;
   sink(line);
 }
 
@@ -198,6 +219,11 @@ zip_int64_t main_entry(zip_t* archive) {
 
 bool parse_line(const std::string& raw, Line* line) {
   return parse_logcat(raw, line) || parse_kernel(raw, line);
+}
+
+int64_t clock_ms(const std::string& clock) {
+  int64_t ms = -1;
+  return parse_clock(clock.data(), clock.size(), &ms) ? ms : -1;
 }
 
 void read_inputs(const std::vector<std::string>& paths, InputStats* stats,

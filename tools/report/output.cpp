@@ -2,6 +2,7 @@
 // CSS, no scripts, nothing fetched), and JSON for tools.
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
+#include <math.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -15,22 +16,75 @@ namespace {
 
 using android::base::StringPrintf;
 
+// The version of the JSON's layout, raised when a field changes meaning or goes.
+constexpr int kSchemaVersion = 1;
+
+// The scheduler's own frames: every blocked task's stack starts with some of them, so they say
+// only that it sleeps; the frames below them say why.
+constexpr const char* kSchedulerFrames[] = {
+    "__switch_to",
+    "cpu_switch_to",
+    "__switch_to_asm",
+    "__schedule",
+    "schedule",
+    "schedule_preempt_disabled",
+    "schedule_timeout",
+    "schedule_hrtimeout",
+    "schedule_hrtimeout_range",
+    "schedule_hrtimeout_range_clock",
+    "io_schedule",
+    "io_schedule_timeout",
+    "preempt_schedule",
+    "preempt_schedule_common",
+    "freezable_schedule",
+};
+
+bool scheduler_frame(const std::string& function) {
+  for (const char* f : kSchedulerFrames) {
+    if (function == f) return true;
+  }
+  return false;
+}
+
+// How many of a stack's innermost frames are the scheduler's.
+size_t scheduler_depth(const KernelTask& task) {
+  size_t n = 0;
+  while (n < task.stack.size() && scheduler_frame(task.stack[n])) ++n;
+  return n;
+}
+
+bool unsure(const KernelTask& task, size_t i) {
+  return i < task.unsure.size() && task.unsure[i];
+}
+
+constexpr int64_t kDay = 86400000;
+
+// "07:58:13" of the milliseconds parse_line counts from a logcat clock.
+std::string time_of_day(int64_t ms, bool seconds = true) {
+  int64_t s = ms / 1000 % 86400;
+  return seconds
+             ? StringPrintf("%02d:%02d:%02d", static_cast<int>(s / 3600),
+                            static_cast<int>(s / 60 % 60), static_cast<int>(s % 60))
+             : StringPrintf("%02d:%02d", static_cast<int>(s / 3600), static_cast<int>(s / 60 % 60));
+}
+
+// "11-22" of those milliseconds (counted by a leap year's calendar).
+std::string month_day(int64_t ms) {
+  static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335, 366};
+  int day = static_cast<int>(ms / kDay), month = 0;
+  while (month < 11 && day >= kDaysBefore[month + 1]) ++month;
+  return StringPrintf("%02d-%02d", month + 1, day - kDaysBefore[month] + 1);
+}
+
 // "07:58:13" of a logcat clock; a kernel clock as it is.
 std::string hms(const std::string& clock) {
   return clock.size() == 18 ? clock.substr(6, 8) : clock;
 }
 
-// "07:58:13" of the milliseconds parse_line counts from a logcat clock.
-std::string time_of_day(int64_t ms) {
-  int64_t s = ms / 1000 % 86400;
-  return StringPrintf("%02d:%02d:%02d", static_cast<int>(s / 3600), static_cast<int>(s / 60 % 60),
-                      static_cast<int>(s % 60));
-}
-
 std::string state_words(char state) {
   switch (state) {
     case 'D':
-      return "in D";
+      return "in D (uninterruptible sleep, in the kernel)";
     case 'Z':
       return "a zombie (Z)";
     case 'S':
@@ -49,10 +103,128 @@ const KernelTask* task_of(const KernelDump& dump, int tid) {
   return nullptr;
 }
 
+// The name of the process `pid` as the records and the kernel's dumps know it; empty if none do.
+std::string name_of(const Story& story, const Run& run, int pid) {
+  for (const auto& entry : run.records) {
+    const Record& rec = entry.second;
+    if (rec.pid != pid || pid <= 0) continue;
+    if (!rec.process.empty()) return rec.process;
+    if (rec.tid == pid) return rec.name;  // a process watched by its main thread
+  }
+  for (const KernelDump& dump : story.dumps) {
+    const KernelTask* task = task_of(dump, pid);
+    if (task != nullptr && pid > 0) return task->comm;
+  }
+  return "";
+}
+
+// A text of the story with every "pid N" whose name is known given as "NAME (pid N)".
+std::string named(const Story& story, const Run& run, const std::string& text) {
+  std::string out;
+  size_t at = 0, hit;
+  while ((hit = text.find("pid ", at)) != std::string::npos) {
+    int pid = atoi(text.c_str() + hit + 4);
+    std::string name =
+        pid > 0 && (hit == 0 || text[hit - 1] == ' ') ? name_of(story, run, pid) : "";
+    out += text.substr(at, hit - at) + (name.empty() ? "" : name + " (");
+    at = text.find_first_not_of("0123456789", hit + 4);
+    if (at == std::string::npos) at = text.size();
+    out += text.substr(hit, at - hit) + (name.empty() ? "" : ")");
+  }
+  return out + text.substr(at);
+}
+
+// "system_server (pid 6589)", "pid 5 (its name is not in the log)", "a process whose pid is not
+// in the log".
+std::string process_words(const std::string& name, int pid) {
+  if (pid <= 0) return name.empty() ? "a process whose pid is not in the log" : name;
+  return name.empty() ? StringPrintf("pid %d (its name is not in the log)", pid)
+                      : StringPrintf("%s (pid %d)", name.c_str(), pid);
+}
+
+// Whom an incident is about: "thread watchdog (tid 6592) of system_server (pid 6589)", or
+// "surfaceflinger (main thread, pid 8)".
+std::string subject(const Incident& in) {
+  std::string tid = in.tid > 0 ? StringPrintf("tid %d", in.tid) : "tid not in the log";
+  if (in.record == in.process)
+    return in.pid > 0 ? StringPrintf("%s (main thread, pid %d)", in.record.c_str(), in.pid)
+                      : in.record + " (main thread, pid not in the log)";
+  return "thread " + in.record + " (" + tid + ") of " + process_words(in.process, in.pid);
+}
+
+// The target of an action, named: the record's process, another the log knows, or the parent.
+std::string target_words(const Story& story, const Run& run, const Incident& in, const Action& a) {
+  std::string name = !a.target.empty() ? a.target : name_of(story, run, a.pid);
+  if (name.empty() && a.pid != in.pid) {
+    return StringPrintf("the parent of %s (pid %d)",
+                        (in.process.empty() ? in.record : in.process).c_str(), a.pid);
+  }
+  return process_words(name, a.pid);
+}
+
+std::string action_words(const Story& story, const Run& run, const Incident& in, const Action& a) {
+  if (a.what == "sysrq-w") return "SysRq w";
+  if (a.what == "sysrq-l") return "SysRq l";
+  if (a.what == "sigquit")  // the log does not say whether the process is an app
+    return "SIGQUIT to " + target_words(story, run, in, a) + " if it is an app";
+  if (a.what == "signal-35") return "signal 35 to " + target_words(story, run, in, a);
+  if (a.what == "kill") return "killed " + target_words(story, run, in, a);
+  if (a.what == "reboot") return "rebooted the device";
+  if (a.what == "panic") return "kernel panic";
+  return "nothing (the policy is none)";
+}
+
+bool evidence_action(const Action& a) {
+  return a.what == "sysrq-w" || a.what == "sysrq-l" || a.what == "sigquit" || a.what == "signal-35";
+}
+
+// An incident's actions as steps: those of one kind (evidence or policy) at one time together,
+// "08:08:33", "signal 35 to the parent of surfaceflinger (pid 5), SysRq w, SysRq l".
+std::vector<std::pair<const Action*, std::string>> steps(const Story& story, const Run& run,
+                                                         const Incident& in) {
+  std::vector<std::pair<const Action*, std::string>> out;
+  for (const Action& a : in.actions) {
+    std::string words = action_words(story, run, in, a);
+    if (!out.empty() && out.back().first->clock == a.clock &&
+        evidence_action(*out.back().first) == evidence_action(a)) {
+      out.back().second += ", " + words;
+    } else {
+      out.emplace_back(&a, words);
+    }
+  }
+  return out;
+}
+
+// Where an incident's kernel dump is missing, what would have it.
+std::string missing_dump(const Story& story, const Incident& in) {
+  if (in.evidence.empty()) return "No evidence in the log yet.";
+  if (in.dump >= 0) {
+    return StringPrintf(
+        "The kernel's dump %s lists %zu blocked tasks, not this thread: it was no longer in D "
+        "when the dump ran.",
+        story.dumps[in.dump].clock.c_str(), story.dumps[in.dump].tasks.size());
+  }
+  if (in.state == 'D' || in.state == 'Z') {
+    return "No blocked-task dump found: give the kernel log too (adb shell dmesg, or the bug "
+           "report, which holds it).";
+  }
+  return "The evidence for a thread that is not in D is a dump inside its process: the native "
+         "dump in /data/tombstones, Java stacks in /data/anr (both in the bug report).";
+}
+
+// "wait_for_common < wait_for_completion < ... (under __switch_to < __schedule < schedule)".
 std::string stack_line(const KernelTask& task, size_t frames) {
-  std::vector<std::string> top(task.stack.begin(),
-                               task.stack.begin() + std::min(frames, task.stack.size()));
-  return android::base::Join(top, " < ") + (task.stack.size() > frames ? " < ..." : "");
+  size_t sched = scheduler_depth(task);
+  std::vector<std::string> top;
+  for (size_t i = sched; i < task.stack.size() && top.size() < frames; ++i)
+    top.push_back((unsure(task, i) ? "? " : "") + task.stack[i]);
+  std::string s = android::base::Join(top, " < ");
+  if (sched + top.size() < task.stack.size()) s += " < ...";
+  if (sched > 0) {
+    std::vector<std::string> under(task.stack.begin(), task.stack.begin() + sched);
+    s += " (under the scheduler's " + android::base::Join(under, " < ") + ")";
+  }
+  return s;
 }
 
 std::string configuration(const Run& run) {
@@ -73,7 +245,7 @@ std::string sweeps(const Run& run) {
 }
 
 std::string run_title(const Run& run) {
-  return StringPrintf("stall_ward pid %d, ", run.pid) +
+  return StringPrintf("stall_ward (pid %d), ", run.pid) +
          (run.started.empty() ? "its start not in the log" : "started " + run.started);
 }
 
@@ -82,26 +254,20 @@ constexpr const char kQuiet[] =
     "(persist.vendor.sw.debug=0), which leaves its sweeps, evidence and actions out of the log. "
     "The kernel log still shows each SysRq dump it asked for.";
 
-std::string incident_text(const Story& story, const Incident& in) {
-  std::string s = in.record == in.process
-                      ? StringPrintf("`%s` (main thread, pid %d) %s", in.record.c_str(), in.pid,
-                                     state_words(in.state).c_str())
-                      : StringPrintf("`%s` of `%s` (pid %d, tid %d) %s", in.record.c_str(),
-                                     in.process.empty() ? "?" : in.process.c_str(), in.pid, in.tid,
-                                     state_words(in.state).c_str());
+std::string incident_text(const Story& story, const Run& run, const Incident& in) {
+  std::string s = subject(in) + " " + state_words(in.state);
   if (!in.since.empty()) s += " from " + hms(in.since);
-  s += "; evidence " + (in.evidence.empty() ? std::string("not in the log")
-                                            : hms(in.evidence_clock) + " (" + in.evidence + ")");
-  s += in.action.empty() ? "; no action yet" : "; " + in.action + " " + hms(in.action_clock);
-  if (in.dump >= 0) {
-    const KernelDump& dump = story.dumps[in.dump];
-    const KernelTask* task = task_of(dump, in.tid);
-    s += task != nullptr
-             ? "; kernel stack: " + stack_line(*task, 8)
-             : StringPrintf("; the kernel's dump %s lists %zu blocked tasks, not this thread",
-                            dump.clock.c_str(), dump.tasks.size());
+  std::string evidence, action;
+  for (const auto& [a, words] : steps(story, run, in)) {
+    std::string& to = evidence_action(*a) ? evidence : action;
+    to += (to.empty() ? "" : "; ") + hms(a->clock) + " " + words;
   }
-  return s + ".";
+  s += "; evidence " + (evidence.empty() ? std::string("not in the log") : evidence);
+  s += action.empty() ? "; no action yet" : "; " + action;
+  const KernelTask* task = in.dump >= 0 ? task_of(story.dumps[in.dump], in.tid) : nullptr;
+  s += task != nullptr ? "; kernel stack: " + stack_line(*task, 8) + "."
+                       : ". " + missing_dump(story, in);
+  return s;
 }
 
 std::string dump_text(const KernelDump& dump) {
@@ -144,74 +310,246 @@ const char* state_colour(char state) {
     case 'Z':
       return "#9467bd";
     case 'S':
-      return "#ff9f1c";
+      return "#f2a541";
     case '-':
-      return "#999";
+      return "#b0b0b0";
     default:
       return "#2ca02c";
   }
 }
 
-// One record's timeline: the stall count by sweep (line), the state by sweep (band), the timeout
-// (dashed) and the marks.
-std::string timeline_svg(const Run& run, const Record& rec, int64_t from, int64_t to) {
-  const int w = 960, h = 150, left = 50, band = 118;
+// A kernel stack: the scheduler's frames on one dimmed line, then the frames that say why, the
+// unreliable ("?") ones dimmed.
+std::string stack_html(const KernelTask& task) {
+  size_t sched = scheduler_depth(task);
+  std::string h = "<div class=\"stack\">";
+  if (sched > 0) {
+    std::vector<std::string> under(task.stack.begin(), task.stack.begin() + sched);
+    h += "<div class=\"sched\" title=\"the scheduler's own frames: the task sleeps\">scheduler: " +
+         escape(android::base::Join(under, " › ")) + "</div>";
+  }
+  h += "<ol>";
+  bool found = false;  // the first reliable frame below the scheduler: what the task waits in
+  for (size_t i = sched; i < task.stack.size(); ++i) {
+    if (!found && !unsure(task, i) && !scheduler_frame(task.stack[i])) {
+      found = true;
+      h += "<li class=\"waits\" title=\"the first frame below the scheduler: what the task "
+           "waits in\">" +
+           escape(task.stack[i]) + "</li>";
+    } else if (unsure(task, i)) {
+      h += "<li class=\"unsure\" title=\"printed with ?: an address the unwinder found on the "
+           "stack, perhaps not a caller\">? " +
+           escape(task.stack[i]) + "</li>";
+    } else {
+      h += std::string("<li") + (scheduler_frame(task.stack[i]) ? " class=\"unsure\"" : "") + ">" +
+           escape(task.stack[i]) + "</li>";
+    }
+  }
+  return h + "</ol></div>";
+}
+
+// Every task of a dump, folded, each stack once.
+std::string dump_html(const KernelDump& dump, int except_tid, const std::string& summary,
+                      bool open = false) {
+  std::string h = std::string("<details class=\"dump\"") + (open ? " open" : "") + "><summary>" +
+                  escape(summary) + "</summary>";
+  for (const KernelTask& task : dump.tasks) {
+    if (task.pid == except_tid) continue;
+    h += StringPrintf("<h5>%s <span class=\"muted\">(pid %d, %c)</span></h5>",
+                      escape(task.comm).c_str(), task.pid, task.state) +
+         stack_html(task);
+  }
+  return h + "</details>";
+}
+
+// A policy mark's label: the action as its incident tells it, with the target named.
+std::string policy_words(const Story& story, const Run& run, const Record& rec, const Mark& m) {
+  for (const Incident& in : run.incidents) {
+    if (in.record != rec.name) continue;
+    for (const Action& a : in.actions) {
+      if (a.clock == m.clock && !evidence_action(a)) return action_words(story, run, in, a);
+    }
+  }
+  return named(story, run, m.text);
+}
+
+// Ticks for a time axis: at a round step that gives at most `most` of them.
+std::vector<int64_t> ticks(int64_t from, int64_t to, int most) {
+  static const int64_t kSteps[] = {1000,    2000,    5000,     10000,    15000,    30000,
+                                   60000,   120000,  300000,   600000,   900000,   1800000,
+                                   3600000, 7200000, 10800000, 21600000, 43200000, kDay};
+  int64_t step = kDay;
+  for (int64_t s : kSteps) {
+    if ((to - from) / s < most) {
+      step = s;
+      break;
+    }
+  }
+  std::vector<int64_t> out;
+  for (int64_t t = (from + step - 1) / step * step; t <= to; t += step) out.push_back(t);
+  return out;
+}
+
+std::string tick_label(int64_t t, int64_t step, bool with_day) {
+  return (with_day ? month_day(t) + " " : "") + time_of_day(t, step < 60000);
+}
+
+// The time axis of a run: round ticks across it, the day given where it changes.
+std::string axis_html(int64_t from, int64_t to, const std::vector<int64_t>& at) {
+  std::string h = "<div class=\"ticks\">";
+  int64_t step = at.size() > 1 ? at[1] - at[0] : 1000;
+  for (size_t i = 0; i < at.size(); ++i) {
+    bool day = (i == 0 && to / kDay != from / kDay) || (i > 0 && at[i] / kDay != at[i - 1] / kDay);
+    double left = 100.0 * (at[i] - from) / (to - from);
+    h +=
+        StringPrintf("<span class=\"%s%s\" style=\"left:%.2f%%\">%s</span>", i % 2 ? "odd" : "even",
+                     left < 3    ? " first"
+                     : left > 97 ? " last"
+                                 : "",
+                     left, tick_label(at[i], step, day).c_str());
+  }
+  return h + "</div>";
+}
+
+// One record's timeline: the stall count by sweep (line) against the timeout (dashed), the state
+// by sweep (band), the marks, on the run's time axis.
+std::string timeline_html(const Story& story, const Run& run, const Record& rec, int64_t from,
+                          int64_t to, const std::vector<int64_t>& at) {
   const double span = std::max<int64_t>(to - from, 1);
   int64_t top = std::max<int64_t>(run.timeout_s * 1000 * 5 / 4, 1);
   for (const Point& p : rec.points) top = std::max(top, p.stall_ms);
-  auto x = [&](int64_t ms) { return left + (w - left - 10) * (ms - from) / span; };
-  auto y = [&](int64_t stall) { return 100.0 - 90.0 * stall / top; };
-  std::string svg = StringPrintf(
-      "<svg class=\"timeline\" viewBox=\"0 0 %d %d\" width=\"%d\" height=\"%d\" role=\"img\">"
-      "<text x=\"4\" y=\"14\" class=\"axis\">stall</text><text x=\"4\" y=\"%.1f\" "
-      "class=\"axis\">%llds</text><text x=\"4\" y=\"%d\" class=\"axis\">state</text>"
-      "<line x1=\"%d\" y1=\"%.1f\" x2=\"%d\" y2=\"%.1f\" class=\"timeout\"><title>timeout %lld "
-      "s</title></line>",
-      w, h, w, h, y(run.timeout_s * 1000) + 3, static_cast<long long>(run.timeout_s), band + 10,
-      left, y(run.timeout_s * 1000), w - 10, y(run.timeout_s * 1000),
-      static_cast<long long>(run.timeout_s));
+  auto x = [&](int64_t ms) { return 1000.0 * (ms - from) / span; };
+  auto y = [&](int64_t stall) { return 100.0 - 92.0 * stall / top; };
+  std::string h = "<div class=\"timeline\"><div class=\"plot\">";
+  h += "<svg viewBox=\"0 0 1000 100\" preserveAspectRatio=\"none\" role=\"img\">";
+  for (int64_t t : at)
+    h += StringPrintf("<line class=\"grid\" x1=\"%.1f\" y1=\"0\" x2=\"%.1f\" y2=\"100\"/>", x(t),
+                      x(t));
+  double ty = y(run.timeout_s * 1000);
+  h += StringPrintf("<line class=\"timeout\" x1=\"0\" y1=\"%.1f\" x2=\"1000\" y2=\"%.1f\"/>", ty,
+                    ty);
   std::string line;
+  for (const Point& p : rec.points) line += StringPrintf("%.1f,%.1f ", x(p.ms), y(p.stall_ms));
+  h += "<polyline class=\"stall\" points=\"" + line + "\"/>";
+  for (const Mark& m : rec.marks) {
+    h += StringPrintf(
+        "<line class=\"mark %s\" x1=\"%.1f\" y1=\"0\" x2=\"%.1f\" y2=\"100\"><title>%s "
+        "%s</title></line>",
+        m.kind.c_str(), x(m.ms), x(m.ms), escape(hms(m.clock)).c_str(),
+        escape(named(story, run, m.text)).c_str());
+  }
+  h += "</svg>";
+  h += StringPrintf("<span class=\"ylabel\" style=\"top:%.1f%%\">timeout %llds</span>", ty,
+                    static_cast<long long>(run.timeout_s));
+  double last = -100;
+  int last_row = -1;
+  std::map<std::string, double> labelled;  // kind: where its last label is
+  for (const Mark& m : rec.marks) {
+    double px = x(m.ms) / 10;
+    // A mark close to the last labelled one of its kind goes without a label (its line has the
+    // title); a policy's label (long, often at the right end) goes below the others; a label
+    // close to the one before goes a row lower.
+    auto same = labelled.find(m.kind);
+    if (same != labelled.end() && px - same->second < 14) continue;
+    labelled[m.kind] = px;
+    int row = m.kind == "policy" ? 1 : 0;
+    if (px - last < 14 && row == last_row) row = (row + 1) % 3;
+    last_row = row;
+    last = px;
+    std::string label = m.kind == "policy"        ? policy_words(story, run, rec, m)
+                        : m.kind == "not-started" ? "not found"
+                        : m.kind == "bind"        ? "rebound"
+                                                  : m.kind;
+    h += StringPrintf(
+        "<span class=\"mlabel %s%s\" style=\"left:%.2f%%;top:%dpx\" title=\"%s %s\">%s</span>",
+        m.kind.c_str(), px > 75 ? " end" : "", px, 2 + 15 * row, escape(hms(m.clock)).c_str(),
+        escape(named(story, run, m.text)).c_str(), escape(label).c_str());
+  }
+  h += "</div><svg class=\"band\" viewBox=\"0 0 1000 10\" preserveAspectRatio=\"none\">";
   for (size_t i = 0; i < rec.points.size(); ++i) {
     const Point& p = rec.points[i];
-    double x1 = x(p.ms), x2 = i + 1 < rec.points.size() ? x(rec.points[i + 1].ms) : x1 + 6;
-    svg += StringPrintf(
-        "<rect x=\"%.1f\" y=\"%d\" width=\"%.1f\" height=\"12\" fill=\"%s\"><title>%c, "
+    double x1 = x(p.ms), x2 = i + 1 < rec.points.size() ? x(rec.points[i + 1].ms) : x(to);
+    h += StringPrintf(
+        "<rect x=\"%.1f\" y=\"0\" width=\"%.1f\" height=\"10\" fill=\"%s\"><title>%s from %s, "
         "stall %lld s</title></rect>",
-        x1, band, std::max(x2 - x1, 2.0), state_colour(p.state), p.state,
-        static_cast<long long>(p.stall_ms / 1000));
-    line += StringPrintf("%.1f,%.1f ", x1, y(p.stall_ms));
+        x1, std::max(x2 - x1, 2.0), state_colour(p.state), escape(state_words(p.state)).c_str(),
+        time_of_day(p.ms).c_str(), static_cast<long long>(p.stall_ms / 1000));
   }
-  svg += "<polyline class=\"stall\" points=\"" + line + "\"/>";
-  for (const Mark& m : rec.marks) {
-    double mx = x(m.ms);
-    bool right = mx > w - 90;  // the label goes left of a mark near the right edge
-    svg += StringPrintf(
-        "<g class=\"mark %s\"><line x1=\"%.1f\" y1=\"8\" x2=\"%.1f\" y2=\"%d\"/>"
-        "<text x=\"%.1f\" y=\"%d\" text-anchor=\"%s\">%s</text><title>%s %s: %s</title></g>",
-        m.kind.c_str(), mx, mx, band, right ? mx - 3 : mx + 3, m.kind == "policy" ? 20 : 32,
-        right ? "end" : "start", escape(m.kind == "policy" ? m.text : m.kind).c_str(),
-        escape(hms(m.clock)).c_str(), escape(m.kind).c_str(), escape(m.text).c_str());
+  return h + "</svg>" + axis_html(from, to, at) + "</div>\n";
+}
+
+std::string incident_html(const Story& story, const Run& run, const Incident& in) {
+  std::string h = StringPrintf(
+      "<article class=\"incident\"><div class=\"what\"><h4><span "
+      "class=\"badge\" style=\"background:%s\">%c</span> %s</h4><ol "
+      "class=\"steps\">",
+      state_colour(in.state), in.state, escape(subject(in)).c_str());
+  h += "<li><time>" + escape(in.since.empty() ? "?" : hms(in.since)) + "</time>" +
+       escape(state_words(in.state)) + ", its stall counted from here</li>";
+  for (const auto& [a, words] : steps(story, run, in)) {
+    h += std::string("<li class=\"") + (evidence_action(*a) ? "evidence" : "policy") + "\"><time>" +
+         escape(hms(a->clock)) + "</time>" + (evidence_action(*a) ? "evidence: " : "") +
+         escape(words) + "</li>";
   }
-  return svg + StringPrintf(
-                   "<text x=\"%d\" y=\"%d\" class=\"axis\">%s</text>"
-                   "<text x=\"%d\" y=\"%d\" class=\"axis\" text-anchor=\"end\">%s</text></svg>",
-                   left, h - 4, time_of_day(from).c_str(), w - 10, h - 4, time_of_day(to).c_str());
+  if (in.actions.empty() || evidence_action(in.actions.back()))
+    h += "<li class=\"muted\"><time></time>no action yet</li>";
+  h += "</ol></div><div class=\"kernel\">";
+  const KernelTask* task = in.dump >= 0 ? task_of(story.dumps[in.dump], in.tid) : nullptr;
+  if (task != nullptr) {
+    const KernelDump& dump = story.dumps[in.dump];
+    h += "<h5>Kernel stack of " + escape(task->comm) +
+         StringPrintf(" (tid %d, %c) <span class=\"muted\">SysRq w ", task->pid, task->state) +
+         escape(hms(dump.clock)) + "</span></h5>" + stack_html(*task);
+    if (dump.tasks.size() > 1) {
+      h += dump_html(dump, task->pid,
+                     StringPrintf("%zu other blocked tasks in that dump", dump.tasks.size() - 1));
+    }
+  } else {
+    h += "<p class=\"missing\">" + escape(missing_dump(story, in)) + "</p>";
+  }
+  return h + "</div></article>\n";
 }
 
 constexpr const char kStyle[] = R"(
-body { font: 14px/1.45 system-ui, sans-serif; margin: 24px; color: #222; max-width: 1040px; }
-h1 { font-size: 22px; } h2 { font-size: 18px; margin-top: 32px; } h3 { font-size: 15px; margin: 18px 0 4px; }
-.note { background: #fff6d6; padding: 8px 12px; border-left: 4px solid #e0b000; }
-table { border-collapse: collapse; width: 100%; } td, th { border-top: 1px solid #ddd; padding: 6px; vertical-align: top; text-align: left; }
-pre { margin: 0; font-size: 12px; background: #f6f6f6; padding: 6px; white-space: pre-wrap; }
-svg.timeline { display: block; } .axis { font-size: 10px; fill: #666; }
-.timeout { stroke: #d62728; stroke-dasharray: 4 3; } .stall { fill: none; stroke: #1f77b4; stroke-width: 2; }
-.mark line { stroke-width: 2; } .mark text { font-size: 10px; }
-.evidence line { stroke: #ff7f0e; } .evidence text { fill: #ff7f0e; }
-.policy line { stroke: #d62728; } .policy text { fill: #d62728; font-weight: bold; }
-.bind line { stroke: #1f77b4; stroke-dasharray: 2 2; } .bind text { fill: #1f77b4; }
-.frozen line, .not-started line { stroke: #888; stroke-dasharray: 1 3; } .frozen text, .not-started text { fill: #666; }
-.legend span { display: inline-block; width: 12px; height: 12px; margin: 0 4px 0 12px; vertical-align: middle; }
+:root { --muted: #6b7280; --line: #e5e7eb; }
+body { font: 15px/1.5 system-ui, -apple-system, "Segoe UI", sans-serif; margin: 0 auto; padding: 20px 24px 48px; color: #1f2937; max-width: 1100px; }
+h1 { font-size: 24px; margin: 0 0 4px; } h2 { font-size: 19px; margin: 36px 0 8px; padding-bottom: 6px; border-bottom: 2px solid var(--line); }
+h3 { font-size: 16px; margin: 24px 0 8px; } h4 { font-size: 15px; margin: 0 0 8px; } h5 { font-size: 13px; margin: 10px 0 4px; }
+.muted, .sub, .when { color: var(--muted); font-weight: normal; } .when { white-space: nowrap; font-size: 15px; }
+.note { background: #fff8e1; padding: 10px 14px; border-left: 4px solid #e0b000; border-radius: 4px; }
+.facts { display: flex; flex-wrap: wrap; gap: 8px; margin: 8px 0; padding: 0; }
+.facts div { background: #f3f4f6; border-radius: 6px; padding: 4px 10px; } .facts dt { display: inline; color: var(--muted); } .facts dd { display: inline; margin: 0 0 0 6px; font-weight: 600; }
+.incident { display: grid; grid-template-columns: minmax(0, 1fr) minmax(0, 1fr); gap: 16px; border: 1px solid var(--line); border-left: 4px solid #d62728; border-radius: 8px; padding: 14px 16px; margin: 12px 0; }
+.badge { display: inline-block; min-width: 20px; text-align: center; color: #fff; border-radius: 4px; font-size: 13px; padding: 0 4px; }
+.steps { list-style: none; padding: 0; margin: 0; } .steps li { padding: 3px 0; border-left: 2px solid var(--line); padding-left: 10px; }
+.steps time { display: inline-block; min-width: 84px; font-variant-numeric: tabular-nums; color: var(--muted); }
+.steps .policy { font-weight: 600; color: #b91c1c; border-left-color: #d62728; } .steps .evidence { border-left-color: #f59e0b; }
+.kernel h5 { margin-top: 0; } .missing { color: #92400e; background: #fff8e1; padding: 8px 10px; border-radius: 4px; margin: 0; }
+.stack { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; background: #f8fafc; border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; overflow-x: auto; }
+.stack ol { margin: 0; padding-left: 22px; } .stack .sched { color: #9ca3af; border-bottom: 1px dashed var(--line); padding-bottom: 3px; margin-bottom: 3px; }
+.stack .unsure { color: #9ca3af; font-style: italic; } .stack .waits { font-weight: 700; color: #111827; }
+details.dump { margin-top: 8px; font-size: 13px; } details.dump summary { cursor: pointer; color: var(--muted); }
+.legend { color: var(--muted); font-size: 13px; } .legend i { display: inline-block; width: 11px; height: 11px; margin: 0 4px 0 10px; vertical-align: -1px; border-radius: 2px; }
+.timeline { margin: 4px 0 18px; } .plot { position: relative; height: 110px; border-left: 1px solid #9ca3af; border-bottom: 1px solid #9ca3af; }
+.plot svg { position: absolute; inset: 0; width: 100%; height: 100%; overflow: visible; }
+.plot line, .plot polyline { vector-effect: non-scaling-stroke; }
+.grid { stroke: #eef0f3; } .timeout { stroke: #d62728; stroke-dasharray: 5 4; } .stall { fill: none; stroke: #2563eb; stroke-width: 2; }
+.ticks span.first { transform: none; } .ticks span.last { transform: translateX(-100%); }
+.ticks span.first::before { left: 0; } .ticks span.last::before { left: 100%; }
+.ylabel { position: absolute; left: 4px; transform: translateY(-115%); font-size: 11px; color: #d62728; }
+.mark { stroke-width: 2; } .mark.evidence { stroke: #f59e0b; } .mark.policy { stroke: #d62728; } .mark.bind { stroke: #2563eb; stroke-dasharray: 2 3; }
+.mark.frozen, .mark.not-started { stroke: #9ca3af; stroke-dasharray: 1 3; }
+.mlabel { position: absolute; font-size: 11px; white-space: nowrap; padding: 0 4px; background: rgba(255,255,255,.85); border-radius: 3px; }
+.mlabel.end { transform: translateX(-100%); } .mlabel.evidence { color: #b45309; } .mlabel.policy { color: #b91c1c; font-weight: 700; } .mlabel.bind { color: #2563eb; } .mlabel.frozen, .mlabel.not-started { color: var(--muted); }
+svg.band { display: block; width: 100%; height: 12px; }
+.ticks { position: relative; height: 18px; font-size: 11px; color: var(--muted); font-variant-numeric: tabular-nums; }
+.ticks span { position: absolute; transform: translateX(-50%); white-space: nowrap; } .ticks span::before { content: ""; position: absolute; left: 50%; top: -3px; height: 4px; border-left: 1px solid #9ca3af; }
+.events { list-style: none; padding: 0; } .events li { padding: 6px 10px; margin: 6px 0; border-radius: 6px; background: #f3f4f6; }
+.events li.alarm { background: #fdecec; } .events time { color: var(--muted); margin-right: 8px; font-variant-numeric: tabular-nums; }
+@media (max-width: 760px) {
+  body { padding: 12px 12px 32px; font-size: 14px; } .incident { grid-template-columns: minmax(0, 1fr); }
+  .ticks span.odd { display: none; }
+}
 )";
 
 }  // namespace
@@ -241,8 +579,9 @@ std::string text_report(const Story& story) {
     if (run.incidents.empty())
       s += "  No incident: no watched thread stalled for a whole timeout.\n";
     for (const Incident& incident : run.incidents)
-      s += "\n  " + incident_text(story, incident) + "\n";
-    for (const Mark& event : run.events) s += "\n  " + hms(event.clock) + " " + event.text + ".\n";
+      s += "\n  " + incident_text(story, run, incident) + "\n";
+    for (const Mark& event : run.events)
+      s += "\n  " + hms(event.clock) + " " + named(story, run, event.text) + ".\n";
   }
   bool header = false;
   for (const KernelDump& dump : story.dumps) {
@@ -256,55 +595,96 @@ std::string text_report(const Story& story) {
 
 std::string html_report(const Story& story) {
   std::string h =
-      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-      "<title>stall_ward report</title><style>" +
+      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><meta name=\"viewport\" "
+      "content=\"width=device-width, initial-scale=1\"><title>stall_ward report</title><style>" +
       std::string(kStyle) + "</style></head><body>\n<h1>stall_ward report</h1>\n";
-  h += "<p>" + escape(summary(story)) + "</p>\n";
-  h += "<p class=\"legend\">state:<span style=\"background:#d62728\"></span>D"
-       "<span style=\"background:#9467bd\"></span>Z<span style=\"background:#ff9f1c\"></span>S"
-       "<span style=\"background:#2ca02c\"></span>other<span style=\"background:#999\"></span>"
-       "not found &nbsp; line: the stall count; dashed: the timeout</p>\n";
+  h += "<p class=\"sub\">" + escape(summary(story)) + "</p>\n";
   for (const Run& run : story.runs) {
-    h += "<section class=\"run\"><h2>" + escape(run_title(run)) + "</h2>\n";
+    h += StringPrintf("<section class=\"run\"><h2>stall_ward (pid %d) <span class=\"when\">",
+                      run.pid) +
+         escape(run.started.empty() ? "its start not in the log" : "started " + run.started) +
+         "</span></h2>\n";
     if (run.lines == 0) {
       h += "<p class=\"note\">" + escape(kQuiet) + "</p></section>\n";
       continue;
     }
-    h += "<p>" + escape(configuration(run)) + ". " + escape(sweeps(run)) + ".</p>\n";
-    h += "<h3>Incidents</h3><table class=\"incidents\"><tr><th>what happened</th><th>kernel "
-         "stack</th></tr>\n";
-    for (const Incident& in : run.incidents) {
-      const KernelTask* task = in.dump >= 0 ? task_of(story.dumps[in.dump], in.tid) : nullptr;
-      h += "<tr class=\"incident\"><td>" + escape(incident_text(story, in)) + "</td><td>" +
-           (task != nullptr ? "<pre>" + escape(android::base::Join(task->stack, "\n")) + "</pre>"
-                            : "") +
-           "</td></tr>\n";
-    }
-    for (const Mark& event : run.events) {
-      h += "<tr class=\"event\"><td>" + escape(hms(event.clock) + " " + event.text) +
-           "</td><td></td></tr>\n";
-    }
-    if (run.incidents.empty() && run.events.empty()) h += "<tr><td>none</td><td></td></tr>\n";
-    h += "</table>\n";
-    // One time axis for the run: from its first sample or mark to its last.
-    int64_t from = INT64_MAX, to = INT64_MIN;
+    auto policy = run.settings.find(kPropPolicy);
+    h +=
+        "<dl class=\"facts\">" +
+        StringPrintf(
+            "<div><dt>timeout</dt><dd>%lld s</dd></div><div><dt>a sweep every</dt><dd>%lld "
+            "s</dd></div>",
+            static_cast<long long>(run.timeout_s), static_cast<long long>(run.interval_ms / 1000)) +
+        "<div><dt>policy</dt><dd>" +
+        escape(policy == run.settings.end() ? "not logged" : policy->second) +
+        "</dd></div><div><dt>watches</dt><dd>" +
+        escape(run.watches.empty() ? "not logged" : android::base::Join(run.watches, "; ")) +
+        "</dd></div><div><dt>sweeps</dt><dd>" +
+        StringPrintf("%llu <span class=\"muted\">(%llu /proc walk, %llu ps)</span>",
+                     static_cast<unsigned long long>(run.sweeps_proc + run.sweeps_shell),
+                     static_cast<unsigned long long>(run.sweeps_proc),
+                     static_cast<unsigned long long>(run.sweeps_shell)) +
+        "</dd></div></dl>\n";
+    h += StringPrintf("<h3>Incidents <span class=\"muted\">(%zu)</span></h3>\n",
+                      run.incidents.size());
+    for (const Incident& in : run.incidents) h += incident_html(story, run, in);
+    if (run.incidents.empty()) h += "<p>None: no watched thread stalled for a whole timeout.</p>\n";
+    // One time axis for the run: from its first line, sample or mark to its last.
+    int64_t from = run.first_ms >= 0 ? run.first_ms : INT64_MAX;
+    int64_t to = run.last_ms >= 0 ? run.last_ms : INT64_MIN;
     for (const auto& entry : run.records) {
       for (const Point& p : entry.second.points)
         from = std::min(from, p.ms), to = std::max(to, p.ms);
       for (const Mark& m : entry.second.marks) from = std::min(from, m.ms), to = std::max(to, m.ms);
     }
+    to = std::max(to, from + 1000);
+    std::vector<int64_t> at = from <= to ? ticks(from, to, 9) : std::vector<int64_t>();
+    h += "<h3>Watched names, sweep by sweep</h3>\n<p class=\"legend\">state:"
+         "<i style=\"background:#d62728\"></i>D<i style=\"background:#9467bd\"></i>Z"
+         "<i style=\"background:#f2a541\"></i>S<i style=\"background:#2ca02c\"></i>running"
+         "<i style=\"background:#b0b0b0\"></i>not found &nbsp;·&nbsp; blue line: the stall "
+         "count; red dashes: the timeout</p>\n";
     for (const auto& entry : run.records) {
       const Record& rec = entry.second;
-      h += "<h3>" + escape(rec.name) +
-           (rec.process.empty() || rec.process == rec.name ? "" : " of " + escape(rec.process)) +
-           StringPrintf(" <small>(last bound to pid %d, tid %d)</small></h3>\n", rec.pid, rec.tid);
-      h += from <= to ? timeline_svg(run, rec, from, to) : "<p>never sampled</p>\n";
+      bool main = rec.process.empty() || rec.process == rec.name;
+      h += "<h4>" + escape(rec.name) + "<span class=\"muted\">" +
+           (main ? std::string(" (main thread)") : " of " + escape(rec.process)) +
+           (rec.pid > 0 && rec.tid != rec.pid
+                ? StringPrintf(", last bound to pid %d, tid %d", rec.pid, rec.tid)
+            : rec.pid > 0 ? StringPrintf(", last bound to pid %d", rec.pid)
+                          : std::string(", never found running")) +
+           "</span></h4>\n";
+      h += !rec.points.empty() || !rec.marks.empty() ? timeline_html(story, run, rec, from, to, at)
+                                                     : "<p class=\"muted\">never sampled</p>\n";
+    }
+    if (!run.events.empty()) {
+      h += "<h3>The daemon itself <span class=\"muted\">(its self-watchdog, slow sweeps, "
+           "failures)</span></h3>\n<ul class=\"events\">";
+      for (const Mark& event : run.events) {
+        h += "<li class=\"" + escape(event.kind) + "\"><time>" + escape(hms(event.clock)) +
+             "</time>" + escape(named(story, run, event.text));
+        if (event.dump >= 0) {
+          const KernelDump& dump = story.dumps[event.dump];
+          h += dump_html(dump, 0,
+                         StringPrintf("%zu blocked tasks in the kernel's dump %s",
+                                      dump.tasks.size(), hms(dump.clock).c_str()));
+        } else if (event.kind == "alarm") {
+          h += "<p class=\"missing\">No blocked-task dump found: give the kernel log too (adb "
+               "shell dmesg, or the bug report, which holds it).</p>";
+        }
+        h += "</li>";
+      }
+      h += "</ul>\n";
     }
     h += "</section>\n";
   }
   std::string loose;
   for (const KernelDump& dump : story.dumps) {
-    if (dump.answers.empty()) loose += "<pre>" + escape(dump_text(dump)) + "</pre>\n";
+    if (dump.answers.empty())
+      loose += dump_html(
+          dump, 0,
+          StringPrintf("SysRq w %s: %zu blocked tasks", dump.clock.c_str(), dump.tasks.size()),
+          true);
   }
   if (!loose.empty()) h += "<h2>Kernel blocked-task dumps no daemon line asked for</h2>\n" + loose;
   return h + "</body></html>\n";
@@ -312,18 +692,56 @@ std::string html_report(const Story& story) {
 
 std::string json_report(const Story& story) {
   using nlohmann::json;
-  json j = {{"lines", story.input.lines},
-            {"daemon_lines", story.input.daemon},
-            {"unreadable", story.input.unreadable},
-            {"errors", story.input.errors},
+  const InputStats& input = story.input;
+  // A point in time: the log's clock as printed, and ms since the start of the year (local time).
+  bool leap = input.year % 4 == 0 && (input.year % 100 != 0 || input.year % 400 == 0);
+  auto in_year = [&](int64_t ms) {  // a common year has no 02-29
+    return input.year != 0 && !leap && ms >= 60 * kDay ? ms - kDay : ms;
+  };
+  auto time = [&](int64_t ms, const std::string& clock) -> json {
+    if (clock.empty()) return nullptr;
+    if (ms < 0 && clock[0] == '[') {
+      return {{"ms", nullptr},
+              {"since_boot_ms", llround(atof(clock.c_str() + 1) * 1000)},
+              {"clock", clock}};
+    }
+    if (ms < 0) ms = clock_ms(clock);
+    json t = {{"ms", in_year(ms)}, {"clock", clock}, {"iso", nullptr}};
+    if (input.year != 0) {
+      t["iso"] = StringPrintf("%04d-%sT%s.%03d", input.year, month_day(ms).c_str(),
+                              time_of_day(ms).c_str(), static_cast<int>(ms % 1000)) +
+                 (input.zone.empty() ? "" : input.zone.substr(0, 3) + ":" + input.zone.substr(3));
+    }
+    return t;
+  };
+  std::string note = "ms: milliseconds since the start of the year, by the device's clock";
+  note += input.zone.empty() ? " in its local time zone, which the input does not give"
+                             : " in the zone given";
+  note += input.year != 0 ? " (the year from " + input.year_from + ")"
+                          : "; the input gives no year (logcat -v year has it, a bug report's "
+                            "dumpstate line too): counted as a leap year";
+  json j = {{"schema_version", kSchemaVersion},
+            {"time",
+             {{"unit", "ms"},
+              {"year", input.year != 0 ? json(input.year) : json(nullptr)},
+              {"zone", input.zone.empty() ? json(nullptr) : json(input.zone)},
+              {"note", note}}},
+            {"lines", input.lines},
+            {"daemon_lines", input.daemon},
+            {"unreadable", input.unreadable},
+            {"errors", input.errors},
             {"runs", json::array()},
             {"kernel_dumps", json::array()}};
+  auto pid_or_null = [](int pid) { return pid > 0 ? json(pid) : json(nullptr); };
+  auto name_or_null = [](const std::string& name) {
+    return name.empty() ? json(nullptr) : json(name);
+  };
   for (const Run& run : story.runs) {
     json r = {{"pid", run.pid},
-              {"started", run.started},
+              {"started", time(-1, run.started)},
               {"settings", run.settings},
               {"watches", run.watches},
-              {"timeout_s", run.timeout_s},
+              {"timeout_ms", run.timeout_s * 1000},
               {"interval_ms", run.interval_ms},
               {"debug_lines", run.lines},
               {"sweeps_proc", run.sweeps_proc},
@@ -335,40 +753,61 @@ std::string json_report(const Story& story) {
       const Record& rec = entry.second;
       json points = json::array(), marks = json::array();
       for (const Point& p : rec.points)
-        points.push_back({p.ms, std::string(1, p.state), p.stall_ms});
+        points.push_back({in_year(p.ms), std::string(1, p.state), p.stall_ms});
       for (const Mark& m : rec.marks)
-        marks.push_back({{"clock", m.clock}, {"kind", m.kind}, {"text", m.text}});
-      r["records"][rec.name] = {{"process", rec.process}, {"cmd", rec.cmd},   {"pid", rec.pid},
-                                {"tid", rec.tid},         {"points", points}, {"marks", marks}};
+        marks.push_back(
+            {{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", named(story, run, m.text)}});
+      r["records"][rec.name] = {{"thread", rec.name},
+                                {"process", name_or_null(rec.process)},
+                                {"cmd", rec.cmd},
+                                {"pid", pid_or_null(rec.pid)},
+                                {"tid", pid_or_null(rec.tid)},
+                                {"points", points},
+                                {"marks", marks}};
     }
     for (const Incident& in : run.incidents) {
+      json actions = json::array();
+      for (const Action& a : in.actions) {
+        std::string target = a.target.empty() ? name_of(story, run, a.pid) : a.target;
+        actions.push_back({{"what", a.what},
+                           {"target_pid", pid_or_null(a.pid)},
+                           {"target", a.pid > 0 ? name_or_null(target) : json(nullptr)},
+                           {"time", time(a.ms, a.clock)}});
+      }
       r["incidents"].push_back({{"record", in.record},
-                                {"process", in.process},
-                                {"pid", in.pid},
-                                {"tid", in.tid},
+                                {"thread", in.record},
+                                {"process", name_or_null(in.process)},
+                                {"pid", pid_or_null(in.pid)},
+                                {"tid", pid_or_null(in.tid)},
                                 {"state", std::string(1, in.state)},
-                                {"since", in.since},
-                                {"evidence", in.evidence},
-                                {"evidence_clock", in.evidence_clock},
-                                {"action", in.action},
-                                {"action_clock", in.action_clock},
-                                {"kernel_dump", in.dump}});
+                                {"since", time(-1, in.since)},
+                                {"actions", actions},
+                                {"kernel_dump", in.dump >= 0 ? json(in.dump) : json(nullptr)}});
     }
-    for (const Mark& m : run.events)
-      r["events"].push_back({{"clock", m.clock}, {"kind", m.kind}, {"text", m.text}});
+    for (const Mark& m : run.events) {
+      r["events"].push_back({{"time", time(m.ms, m.clock)},
+                             {"kind", m.kind},
+                             {"text", named(story, run, m.text)},
+                             {"kernel_dump", m.dump >= 0 ? json(m.dump) : json(nullptr)}});
+    }
     j["runs"].push_back(r);
   }
   for (const KernelDump& dump : story.dumps) {
     json tasks = json::array();
     for (const KernelTask& t : dump.tasks) {
+      json unreliable = json::array();
+      for (size_t i = 0; i < t.stack.size(); ++i) {
+        if (unsure(t, i)) unreliable.push_back(i);
+      }
       tasks.push_back({{"comm", t.comm},
                        {"state", std::string(1, t.state)},
                        {"pid", t.pid},
-                       {"ppid", t.ppid},
-                       {"stack", t.stack}});
+                       {"ppid", pid_or_null(t.ppid)},
+                       {"stack", t.stack},
+                       {"unreliable_frames", unreliable}});
     }
     j["kernel_dumps"].push_back(
-        {{"clock", dump.clock}, {"answers", dump.answers}, {"tasks", tasks}});
+        {{"time", time(dump.ms, dump.clock)}, {"answers", dump.answers}, {"tasks", tasks}});
   }
   return j.dump(1) + "\n";
 }

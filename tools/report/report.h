@@ -21,17 +21,25 @@ struct Line {
   int pid = 0, tid = 0;  // logcat
   std::string tag;       // logcat
   std::string text;      // logcat: the message; kernel: the text after the time stamp
+  int year = 0;          // logcat -v year: the year printed, else 0
+  std::string zone;      // logcat -v zone: "+0900" as printed, else empty
 };
 
 // Parses one line in logcat's threadtime form (with or without a uid column or a year) or a kernel
 // log line ("[  12.345678] text", with an optional "<6>" priority). False for anything else.
 bool parse_line(const std::string& raw, Line* line);
+// The milliseconds Line::ms holds for a logcat clock ("MM-DD hh:mm:ss.mmm"), -1 for another.
+int64_t clock_ms(const std::string& clock);
 
 struct InputStats {
   uint64_t lines = 0;               // lines looked at (in a bug report: in its log sections)
   uint64_t unreadable = 0;          // lines that were neither logcat nor kernel lines, skipped
   uint64_t daemon = 0;              // lines of the daemon
   std::vector<std::string> errors;  // inputs that could not be opened
+  // The logs' year and time zone, when an input gives them (logcat -v year, -v zone, or a bug
+  // report's "== dumpstate: 2026-11-22 08:10:00" line); 0 and empty otherwise.
+  int year = 0;
+  std::string zone, year_from;
 };
 
 // Streams every input ("-" is stdin) line by line to `sink`. A zip is read as a bug report (its
@@ -45,6 +53,7 @@ struct KernelTask {
   char state = '?';
   int pid = 0, ppid = -1;
   std::vector<std::string> stack;  // innermost frame first, offsets dropped
+  std::vector<bool> unsure;        // per frame: printed with "?", a guess of the unwinder
 };
 struct KernelDump {
   std::string clock;  // as the log printed it
@@ -62,6 +71,16 @@ struct Point {
 struct Mark {
   int64_t ms;
   std::string clock, kind, text;  // kind: bind, evidence, policy, frozen, not-started
+  int dump = -1;  // a self-watchdog event: index into Story::dumps of the dump it asked for
+};
+
+// What the daemon did about an incident: evidence (sysrq-w, sysrq-l, sigquit, signal-35) or its
+// policy (kill, reboot, panic, none), to whom (pid -1: no process) and when.
+struct Action {
+  std::string what, target;  // target: the process's name, empty when none or not known
+  int pid = -1;
+  int64_t ms = -1;
+  std::string clock;
 };
 
 struct Incident {
@@ -71,6 +90,7 @@ struct Incident {
   std::string since, evidence_clock, evidence, action_clock, action;
   int64_t evidence_ms = -1;
   int dump = -1;  // index into Story::dumps of the kernel dump taken as evidence
+  std::vector<Action> actions;
 };
 
 // The daemon's reconstruction of one watched name (a thread name, or a process watched by its
@@ -97,7 +117,8 @@ struct Run {
   uint64_t lines = 0, sweeps_proc = 0, sweeps_shell = 0;
   std::map<std::string, Record> records;
   std::vector<Incident> incidents;
-  std::vector<Mark> events;  // the self-watchdog, slow sweeps, failures to open
+  std::vector<Mark> events;             // the self-watchdog, slow sweeps, failures to open
+  int64_t first_ms = -1, last_ms = -1;  // the times of its first and last line
 };
 
 struct Story {

@@ -55,7 +55,7 @@ struct Builder {
 };
 
 Mark mark(const Line& line, const char* kind, const std::string& text) {
-  return Mark{line.ms, line.clock, kind, text};
+  return Mark{line.ms, line.clock, kind, text, -1};
 }
 
 // The daemon's pacing from its timeout: a sweep every quarter of it, at least every 30 s.
@@ -70,6 +70,7 @@ void start_run(Builder* b, const Line& line, bool started) {
   b->run = &b->story.runs.back();
   b->ctx = &b->contexts.back();
   b->run->pid = line.pid;
+  if (line.ms >= 0) b->run->first_ms = b->run->last_ms = line.ms;
   if (started) b->run->started = line.clock;
   set_timeout(b->run, kDefaultTimeout);
 }
@@ -186,6 +187,10 @@ Record* judged(Builder* b, int pid, char state, bool policy) {
   return best;
 }
 
+void act(Incident* in, const Line& line, const char* what, int pid, const std::string& target) {
+  in->actions.push_back(Action{what, pid < 0 ? "" : target, pid, line.ms, line.clock});
+}
+
 Incident& open_incident(Builder* b, Record* rec) {
   if (rec->incident < 0) {
     Incident in;
@@ -219,6 +224,15 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
     what = was == 'S' ? "SIGQUIT, signal 35" : "signal 35";
   }
   Incident& in = open_incident(b, rec);
+  std::string name = rec->process.empty() ? rec->name : rec->process;
+  if (was == 'Z') act(&in, line, "signal-35", rec->ppid, "");
+  if (was == 'D' || was == 'Z') {
+    act(&in, line, "sysrq-w", -1, "");
+    act(&in, line, "sysrq-l", -1, "");
+  } else {
+    if (was == 'S') act(&in, line, "sigquit", rec->pid, name);
+    act(&in, line, "signal-35", rec->pid, name);
+  }
   in.evidence = what;
   in.evidence_clock = line.clock;
   in.evidence_ms = line.ms;
@@ -239,6 +253,11 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
     return;
   }
   Incident& in = open_incident(b, rec);
+  const char* kind = what == "reboot"         ? "reboot"
+                     : what == "kernel panic" ? "panic"
+                     : pid < 0                ? "none"
+                                              : "kill";
+  act(&in, line, kind, pid, pid == rec->pid && !rec->process.empty() ? rec->process : "");
   if (in.action.empty()) {
     in.action = what;
     in.action_clock = line.clock;
@@ -295,6 +314,10 @@ void daemon_line(Builder* b, const Line& line) {
   }
   Run& run = *b->run;
   ++run.lines;
+  if (line.ms >= 0) {
+    if (run.first_ms < 0) run.first_ms = line.ms;
+    run.last_ms = line.ms;
+  }
   int a = 0, c = 0;
   unsigned u1 = 0, u2 = 0, u3 = 0, u4 = 0;
   unsigned long long count = 0;
@@ -439,10 +462,12 @@ bool parse_task(const std::string& t, KernelTask* task) {
   return !task->comm.empty();
 }
 
-// " __switch_to+0x98/0xd8", " ? schedule+0x40/0xd0 [module]": the function's name.
-bool parse_frame(const std::string& text, std::string* function) {
+// " __switch_to+0x98/0xd8", " ? schedule+0x40/0xd0 [module]": the function's name, and whether
+// the kernel marked it unreliable ("?").
+bool parse_frame(const std::string& text, std::string* function, bool* unsure) {
   std::string t = text;
-  if (StartsWith(t, "? ")) t = t.substr(2);
+  *unsure = StartsWith(t, "? ");
+  if (*unsure) t = t.substr(2);
   size_t plus = t.find("+0x");
   if (plus == std::string::npos || plus == 0 || t.find('/', plus) == std::string::npos)
     return false;
@@ -454,7 +479,8 @@ bool parse_frame(const std::string& text, std::string* function) {
 
 enum KernelKind { kNotDump, kDumpStart, kDumpNoise, kTask, kFrame };
 
-KernelKind classify(const std::string& text, KernelTask* task, std::string* function) {
+KernelKind classify(const std::string& text, KernelTask* task, std::string* function,
+                    bool* unsure) {
   std::string t = android::base::Trim(text);
   if (t.find("Show Blocked State") != std::string::npos) return kDumpStart;
   if (t.empty() || StartsWith(t, "task ") || StartsWith(t, "Call trace") ||
@@ -462,7 +488,7 @@ KernelKind classify(const std::string& text, KernelTask* task, std::string* func
     return kDumpNoise;
   }
   if (parse_task(t, task)) return kTask;
-  if (parse_frame(t, function)) return kFrame;
+  if (parse_frame(t, function, unsure)) return kFrame;
   return kNotDump;
 }
 
@@ -471,9 +497,10 @@ KernelKind classify(const std::string& text, KernelTask* task, std::string* func
 void kernel_text(Builder* b, const Line& line, const std::vector<std::string>& texts) {
   KernelTask task;
   std::string function;
+  bool unsure = false;
   KernelKind kind = kNotDump;
   for (const std::string& text : texts) {
-    if ((kind = classify(text, &task, &function)) != kNotDump) break;
+    if ((kind = classify(text, &task, &function, &unsure)) != kNotDump) break;
   }
   if (kind == kDumpStart) {
     b->story.dumps.emplace_back();
@@ -488,6 +515,7 @@ void kernel_text(Builder* b, const Line& line, const std::vector<std::string>& t
     b->task = &b->dump->tasks.back();
   } else if (kind == kFrame && b->task != nullptr) {
     b->task->stack.push_back(function);
+    b->task->unsure.push_back(unsure);
   } else {
     b->dump = nullptr;  // the dump has ended
     b->task = nullptr;
@@ -523,6 +551,7 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
       story->dumps[dump].answers = "evidence for " + run.incidents[which].record;
     } else {
       story->dumps[dump].answers = "the self-watchdog of stall_ward pid " + std::to_string(run.pid);
+      run.events[-1 - which].dump = static_cast<int>(dump);
     }
   };
   std::vector<size_t> by_uptime;
