@@ -2,10 +2,37 @@
 # Compiles the daemon's vendor policy (sepolicy/) together with Android 11's platform policy the way
 # a device build does, so that any neverallow it breaks fails here, then checks with sesearch that
 # the domain has each permission the daemon needs and nothing broader.
-#   scripts/check-sepolicy.sh [platform policy dir]   (default: third_party/android-sepolicy-api30)
+#   scripts/check-sepolicy.sh [--platform DIR]
+# The platform policy is not part of this project: DIR is an AOSP system/sepolicy tree of Android 11
+# (its public/, private/ and vendor/ folders), named by --platform or by the environment variable
+# STALL_WARD_PLATFORM_SEPOLICY, else ../shared/android/sepolicy-api30 beside the repository when it
+# exists. With none of them the check is skipped, says so, and succeeds, so that the other device
+# checks still run.
 set -euo pipefail
+usage() { echo "usage: $0 [--platform DIR]" >&2; exit 64; }
+platform=${STALL_WARD_PLATFORM_SEPOLICY:-}
+while [ $# -gt 0 ]; do
+  case $1 in
+    --platform) [ $# -ge 2 ] || usage; platform=$2; shift 2 ;;
+    --platform=*) platform=${1#--platform=}; shift ;;
+    *) usage ;;
+  esac
+done
+[ -z "$platform" ] || platform=$(realpath -m "$platform")  # as named from where it was named
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-platform=${1:-third_party/android-sepolicy-api30}
+if [ -z "$platform" ] && [ -d ../shared/android/sepolicy-api30 ]; then
+  platform=../shared/android/sepolicy-api30
+fi
+if [ -z "$platform" ]; then
+  echo "SKIPPED: the SELinux policy check needs Android 11's platform policy, which this project"
+  echo "does not carry: name an AOSP system/sepolicy tree with --platform DIR or"
+  echo "STALL_WARD_PLATFORM_SEPOLICY=DIR (none given, and no ../shared/android/sepolicy-api30)"
+  exit 0
+fi
+if [ ! -d "$platform/public" ] || [ ! -d "$platform/private" ]; then
+  echo "FAIL: $platform is not a system/sepolicy tree (no public/ and private/ in it)"; exit 1
+fi
+echo "platform policy: $platform"
 out=build/sepolicy
 mkdir -p "$out"
 

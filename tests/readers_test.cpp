@@ -42,6 +42,7 @@ TEST(StallCount, GrowsByTheIntervalOnlyWithoutProgressInAWatchedState) {
     bool reported_after;  // set before each sample; progress clears it
     unsigned ppid_after;
   };
+  StandIn zygote = start_stand_in({"zygote"});
   const Step steps[] = {
       {7, 1, 'D', 10, 10, "1 2 3\n", 0, false, 1},      // bound
       {7, 1, 'D', 10, 10, "1 2 3\n", 50000, true, 1},   // nothing moved
@@ -53,7 +54,7 @@ TEST(StallCount, GrowsByTheIntervalOnlyWithoutProgressInAWatchedState) {
       {7, 1, 'Z', 10, 11, "", 100000, true, 1},         // nor an unreadable one
       {7, 1, 'Z', 4294967295u, 22, "1 2 4\n", 150000, true, 1},  // the same sum modulo 2^32
       {7, 1, 'S', 4294967295u, 22, "1 2 4\n", 0, false, 1},      // S is not watched outside apps
-      {7, 1, 'S', 4294967295u, 22, "1 2 4\n", 0, true, 1},
+      {7, static_cast<unsigned>(zygote.pid), 'S', 4294967295u, 22, "1 2 4\n", 0, true, 1},
       {8, 3, 'S', 4294967295u, 22, "1 2 4\n", 0, false, 3},  // another thread: a new bind
   };
   reset_daemon(true, 50000);
@@ -90,7 +91,6 @@ TEST(LiveThread, NamesBindingAndAnAppThreadAsleep) {
   StandIn first = start_stand_in(
       {"/vendor/bin/first", "--thread", thread + ":D", "--thread", "Jit thread pool:S"});
   EXPECT_EQ(get_comm(task_path(first.pid, first.tids.at(1))), "Jit");
-  EXPECT_EQ(get_comm(task_path(first.pid, first.pid)), "first");
   EXPECT_EQ(get_proc_name(std::to_string(first.pid)), "/vendor/bin/first");
   EXPECT_EQ(get_proc_name("999999999"), "");
   StandIn app = start_stand_in({"zygote", "--spawn", "com.example", "--thread", thread + ":S"});
