@@ -125,6 +125,7 @@ check() {
       has "sysrq: Show Blocked State"
       has "task:watchdog        state:D"
       has "pid:$tid "
+      has " el0t_64_sync+"  # an arm64 stack
       has "sysrq: Show backtrace of all active CPUs"
       if [ $name = blocked ]; then
         has "INFO: task touch:"  # the kernel's own detector, on a write to a frozen file system
@@ -146,6 +147,7 @@ check() {
       has "stall_ward: killing proc $pid"
       has "@@ exit 0 0" ;;
     panic)
+      has "stall_ward: dumped $pid D"
       has "stall_ward: trigger crash according to policy"
       has "sysrq: Trigger a crash"
       has "Kernel panic - not syncing: sysrq triggered crash"
