@@ -19,7 +19,10 @@ section() { awk -v from="$2" -v to="$3" '$0 == to {on = 0} on {print} $0 == from
 dump() {
   awk -v start="$1" '
     !on && index($0, start) {on = 1; print; next}
-    on && /\] (sysrq: CPU|Call trace:|task:|      Not tainted|"echo 0 >| +[?]? *[A-Za-z0-9_.]+\+0x)/ {print; next}
+    on && /\] (sysrq: CPU|Call trace:|task:| +Not tainted|"echo 0 >| +[?]? *[A-Za-z0-9_.]+\+0x)/ {
+      print
+      next
+    }
     on {exit}'
 }
 
@@ -29,8 +32,8 @@ dump "sysrq: Show backtrace of all active CPUs" <<<"$dmesg" >$name-sysrq-l.txt
 dump "INFO: task touch:" <<<"$dmesg" >$name-hung-task.txt
 section $vm/blocked.log "@@ daemon log" "@@ dmesg" >$name-stall_ward.log
 # The panic as the console showed it, and its record as the next boot read it from pstore.
-awk 'index($0, "sysrq: Trigger a crash") {on = 1} on {print} on && index($0, "Rebooting in") {exit}' \
-  $vm/panic.log >$name-panic.txt
+awk 'index($0, "sysrq: Trigger a crash") {on = 1} on {print} on && index($0, "Rebooting in") {exit}
+' $vm/panic.log >$name-panic.txt
 section $vm/panic.log "@@ pstore dmesg-ramoops-0" "@@ pstore end" >$name-pstore-panic.txt
 section $vm/reboot.log "@@ pstore dmesg-ramoops-0" "@@ pstore end" >$name-pstore-restart.txt
 for f in $name-*; do
