@@ -10,7 +10,6 @@
 #include <zip.h>
 
 #include <algorithm>
-
 #include <nlohmann/json.hpp>
 
 #include "helpers.h"
@@ -71,8 +70,11 @@ TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
 // daemon asked for goes to the incident of the same run, with the stand-in thread's stack.
 TEST(Report, ReadsTheRealArm64KernelsLogs) {
   const std::string vm = REPORT_FIXTURES "/kernel/vm-arm64-6.1-";
-  for (const auto& [file, dumps] : {std::pair{"sysrq-w.txt", 1u}, {"pstore-panic.txt", 2u},
-                                    {"sysrq-l.txt", 0u}, {"hung-task.txt", 0u}, {"panic.txt", 0u}}) {
+  for (const auto& [file, dumps] : {std::pair{"sysrq-w.txt", 1u},
+                                    {"pstore-panic.txt", 2u},
+                                    {"sysrq-l.txt", 0u},
+                                    {"hung-task.txt", 0u},
+                                    {"panic.txt", 0u}}) {
     json s = story({vm + file});
     ASSERT_EQ(s["kernel_dumps"].size(), dumps) << file;
     for (const json& dump : s["kernel_dumps"]) {
@@ -84,7 +86,7 @@ TEST(Report, ReadsTheRealArm64KernelsLogs) {
   json s = story({vm + "stall_ward.log", vm + "sysrq-w.txt"});
   json in = s["runs"][0]["incidents"][0];
   bool found = false;
-  for (const json& task : s["kernel_dumps"][in["kernel_dump"].get<size_t>()]["tasks"]) {
+  for (const json& task : s["kernel_dumps"].at(in["kernel_dump"].get<size_t>())["tasks"]) {
     if (task["pid"] != in["tid"]) continue;
     found = true;
     EXPECT_EQ(task["comm"], "watchdog");
