@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the tests: the host suites through CTest, then the
-# device checks (Android.bp, SELinux policy, arm64 unit tests under qemu-user).
-#   scripts/test.sh              the host suites and the device checks
+# device checks (Android.bp, SELinux policy, arm64 unit tests under qemu-user), then the VM suite
+# (every action for real on Debian's arm64 kernel under qemu-system-aarch64).
+#   scripts/test.sh              the host suites, the device checks and the VM suite
 #   scripts/test.sh --host-only  the host suites alone
 #   scripts/test.sh --full       everything: also the soak (1,000 sweeps under churn), every
 #                                suite again built with ASan and UBSan, every fuzzer for 60 s,
@@ -12,6 +13,8 @@ mode=${1:-}
 ctest --test-dir build --output-on-failure -j"$(nproc)"
 [ "$mode" = --host-only ] && exit 0
 scripts/check-device.sh
+echo "== the VM suite: the daemon on a real arm64 kernel"
+scripts/test-vm.sh
 [ "$mode" = --full ] || exit 0
 
 echo "== the soak: 1,000 sweeps of the real daemon under churn"

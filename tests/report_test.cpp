@@ -1,6 +1,7 @@
 // stall_ward_report on the logs the real daemon wrote in the end-to-end cases (tests/report/logs,
 // remade by scripts/report-fixtures.sh), on kernel logs of each supported format (tests/report/
-// kernel, the watched thread's id written @TID), and on bug reports assembled from both.
+// kernel: hand-written excerpts with the watched thread's id written @TID, and the real arm64
+// kernel's logs from the virtual machine), and on bug reports assembled from both.
 #include "report/report.h"
 
 #include <android-base/strings.h>
@@ -8,6 +9,7 @@
 #include <string.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "helpers.h"
@@ -39,15 +41,16 @@ std::string kernel(const std::string& name, int tid) {
 TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
   const std::tuple<const char*, size_t, int, const char*, const char*> cases[] = {
       // excerpt; blocked tasks; the first one's parent, stack and frames printed with "?"
-      {"dmesg-4.14.txt", 2, 5,
+      {"handwritten-dmesg-4.14.txt", 2, 5,
        "__switch_to __schedule schedule schedule_timeout wait_for_common wait_for_completion "
        "binder_thread_read binder_ioctl_write_read binder_ioctl do_vfs_ioctl",
        ""},
-      {"dmesg-6.6.txt", 1, 1,
+      {"handwritten-dmesg-6.6.txt", 1, 1,
        "__schedule schedule schedule_timeout __pfx_process_timeout wait_for_completion_killable "
        "fuse_simple_request",
        "3"},
-      {"logcat-kernel-5.10.txt", 1, 5, "__switch_to __schedule schedule io_schedule", ""},
+      {"handwritten-logcat-kernel-5.10.txt", 1, 5, "__switch_to __schedule schedule io_schedule",
+       ""},
   };
   TempDir dir;
   for (const auto& [file, tasks, ppid, stack, unreliable] : cases) {
@@ -64,6 +67,39 @@ TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
                     {"stack", android::base::Split(stack, " ")},
                     {"unreliable_frames", json::parse("[" + std::string(unreliable) + "]")}}));
   }
+}
+
+// The real arm64 kernel's logs from the virtual machine's runs (scripts/vm-fixtures.sh): the
+// blocked-task dumps of SysRq w, on the console and in the pstore record of a panic, and nothing
+// taken for one in the CPU backtraces, the hung-task report or the panic itself. The dump the
+// daemon asked for goes to the incident of the same run, with the stand-in thread's stack.
+TEST(Report, ReadsTheRealArm64KernelsLogs) {
+  const std::string vm = REPORT_FIXTURES "/kernel/vm-arm64-6.1-";
+  for (const auto& [file, dumps] : {std::pair{"sysrq-w.txt", 1u},
+                                    {"pstore-panic.txt", 2u},
+                                    {"sysrq-l.txt", 0u},
+                                    {"hung-task.txt", 0u},
+                                    {"panic.txt", 0u}}) {
+    json s = story({vm + file});
+    ASSERT_EQ(s["kernel_dumps"].size(), dumps) << file;
+    for (const json& dump : s["kernel_dumps"]) {
+      int watchdogs = 0;
+      for (const json& task : dump["tasks"]) watchdogs += task["comm"] == "watchdog";
+      EXPECT_EQ(watchdogs, 1) << file;
+    }
+  }
+  json s = story({vm + "stall_ward.log", vm + "sysrq-w.txt"});
+  json in = s["runs"][0]["incidents"][0];
+  bool found = false;
+  for (const json& task : s["kernel_dumps"].at(in["kernel_dump"].get<size_t>())["tasks"]) {
+    if (task["pid"] != in["tid"]) continue;
+    found = true;
+    EXPECT_EQ(task["comm"], "watchdog");
+    EXPECT_EQ(task["state"], "D");
+    const json& stack = task["stack"];  // a vfork waiting for its child
+    EXPECT_NE(std::find(stack.begin(), stack.end(), "kernel_clone"), stack.end()) << task;
+  }
+  EXPECT_TRUE(found) << s;
 }
 
 // A bug report as adb bugreport writes it: the system log (with -v uid), sections that are not
@@ -144,7 +180,7 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
               strchr("DZ", m.back()) != nullptr);
   }
   int tid = story({daemon_log(cases[0].test)})["runs"][0]["incidents"][0]["tid"];
-  for (int i = 0; i < asked; ++i) dmesg += kernel("dmesg-5.4.txt", tid);
+  for (int i = 0; i < asked; ++i) dmesg += kernel("handwritten-dmesg-5.4.txt", tid);
   std::string text = bugreport(mixed, dmesg);
   TempDir dir;
   write_file(dir.path("bugreport-x.txt"), text);
