@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "report.h"
@@ -74,7 +75,110 @@ std::string sweeps(const Run& run) {
 
 std::string run_title(const Run& run) {
   return StringPrintf("stall_ward pid %d, ", run.pid) +
-         (run.started.empty() ? "its start not in the log" : "started " + run.started);
+         (run.started.empty() ? "its start not in the log" : "started " + run.started) +
+         (run.last_boot ? " (the previous boot)" : "");
+}
+
+// The thread of a Java or native dump with the kernel's id `tid`, -1 if it is not there.
+int thread_of(const ProcessDump& dump, int tid) {
+  for (size_t i = 0; i < dump.threads.size(); ++i) {
+    if (dump.threads[i].tid == tid) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+// The frames of a Java or native stack, innermost first, the lock lines left to the blocker.
+std::string frames_line(const StackThread& thread, size_t frames) {
+  std::vector<std::string> top;
+  for (const std::string& f : thread.stack) {
+    if (f.rfind("- ", 0) != 0 && top.size() < frames) top.push_back(f);
+  }
+  return android::base::Join(top, " < ") + (thread.stack.size() > frames ? " < ..." : "");
+}
+
+std::string thread_words(const StackThread& t) {
+  return StringPrintf("\"%s\" (tid %d%s%s)", t.name.c_str(), t.tid, t.state.empty() ? "" : ", ",
+                      t.state.c_str());
+}
+
+// Who holds what the watched thread waits for: the Java monitor chain, each holder with its own
+// top frames, a deadlock named as such.
+std::string java_blocker(const ProcessDump& dump, int thread, bool* deadlock) {
+  *deadlock = false;
+  if (thread < 0 || dump.threads[thread].waits_for.empty()) return "";
+  std::vector<size_t> chain = monitor_chain(dump, thread, deadlock);
+  std::string s;
+  for (size_t k = 0; k < chain.size(); ++k) {
+    const StackThread& t = dump.threads[chain[k]];
+    if (k > 0) s += thread_words(t) + " at " + frames_line(t, 2);
+    if (t.waits_for.empty()) break;
+    s += std::string(k > 0 ? ", which " : "") + "waits to lock " + t.waits_for;
+    s += t.held_by > 0 ? StringPrintf(" held by thread %d ", t.held_by) : " (its holder not named)";
+    if (k + 1 == chain.size() && t.held_by > 0 && !*deadlock) s += "(not in the dump)";
+  }
+  if (*deadlock) {
+    std::vector<std::string> names;
+    for (size_t k : chain) names.push_back(thread_words(dump.threads[k]));
+    s += "; a deadlock of " + android::base::Join(names, ", ");
+  }
+  return s;
+}
+
+// Where the watched thread waits in the kernel, beside which other tasks, and the lock's owner
+// where the kernel names one.
+std::string kernel_blocker(const KernelDump& dump, int tid) {
+  std::string s;
+  for (const KernelGroup& g : kernel_groups(dump)) {
+    bool in = false;
+    for (size_t t : g.tasks) in = in || dump.tasks[t].pid == tid;
+    if (!in || g.tasks.size() < 2) continue;
+    s = StringPrintf("%zu tasks of the dump wait at the same place, first in %s:", g.tasks.size(),
+                     g.where[0].c_str());
+    for (size_t t : g.tasks) {
+      if (dump.tasks[t].pid != tid)
+        s += StringPrintf(" %s (pid %d)", dump.tasks[t].comm.c_str(), dump.tasks[t].pid);
+    }
+  }
+  for (const KernelTask& task : dump.tasks) {
+    if (task.pid == tid && !task.owner.empty())
+      s += std::string(s.empty() ? "" : "; ") +
+           "the kernel names the lock's likely owner: " + task.owner;
+  }
+  return s;
+}
+
+// The Java and native stacks the incident's signals asked for, and the blocker.
+std::string stacks_text(const Story& story, const Incident& in) {
+  std::string s;
+  if (in.signalled > 0 && in.sigquit && in.java < 0) {
+    s += StringPrintf(
+        "; no Java dump of pid %d in the input (Android 11 writes it to "
+        "/data/anr/trace_NN: adb pull /data/anr)",
+        in.signalled);
+  }
+  if (in.signalled > 0 && in.native < 0)
+    s += StringPrintf("; no tombstone of pid %d in the input", in.signalled);
+  for (int which : {in.java, in.native}) {
+    if (which < 0) continue;
+    const ProcessDump& dump = story.stacks[which];
+    int t = thread_of(dump, in.tid);
+    s += StringPrintf("; %s %s (%s)", dump.java ? "Java dump" : "native dump", dump.when.c_str(),
+                      dump.source.c_str());
+    if (!dump.complete) s += " cut short";
+    s +=
+        t < 0 ? StringPrintf(" without thread %d", in.tid) : ": " + frames_line(dump.threads[t], 8);
+    bool deadlock = false;
+    std::string blocker = dump.java ? java_blocker(dump, t, &deadlock) : "";
+    if (!blocker.empty()) s += "; blocker: " + blocker;
+  }
+  if (in.dump >= 0) {
+    std::string blocker = kernel_blocker(story.dumps[in.dump], in.tid);
+    if (!blocker.empty()) s += "; in the kernel: " + blocker;
+    if (story.dumps[in.dump].cut) s += "; the kernel's dump is cut short";
+  } else if (in.evidence.find("SysRq") != std::string::npos) {
+    s += "; no SysRq w dump for it in the kernel log read";
+  }
+  return s;
 }
 
 constexpr const char kQuiet[] =
@@ -101,15 +205,21 @@ std::string incident_text(const Story& story, const Incident& in) {
              : StringPrintf("; the kernel's dump %s lists %zu blocked tasks, not this thread",
                             dump.clock.c_str(), dump.tasks.size());
   }
-  return s + ".";
+  return s + stacks_text(story, in) + ".";
 }
 
 std::string dump_text(const KernelDump& dump) {
   std::string s =
-      "SysRq w " + dump.clock + ": " + (dump.tasks.empty() ? std::string("no blocked task") : "");
+      dump.kind + " " + dump.clock + ": " + (dump.tasks.empty() ? std::string("no task") : "");
   for (const KernelTask& task : dump.tasks) {
     s += StringPrintf("\n    %s (pid %d, %c): %s", task.comm.c_str(), task.pid, task.state,
                       stack_line(task, 8).c_str());
+    if (!task.owner.empty()) s += " (its lock's likely owner: " + task.owner + ")";
+  }
+  for (const KernelGroup& g : kernel_groups(dump)) {
+    if (g.tasks.size() > 1)
+      s += StringPrintf("\n    %zu tasks wait at the same place, first in %s", g.tasks.size(),
+                        g.where[0].c_str());
   }
   return s;
 }
@@ -198,6 +308,33 @@ std::string timeline_svg(const Run& run, const Record& rec, int64_t from, int64_
                    left, h - 4, time_of_day(from).c_str(), w - 10, h - 4, time_of_day(to).c_str());
 }
 
+// Beside the incident: the watched thread's Java and native stacks, and the blocker's chain.
+std::string stacks_html(const Story& story, const Incident& in) {
+  std::string cells;
+  for (int which : {in.java, in.native}) {
+    if (which < 0) continue;
+    const ProcessDump& dump = story.stacks[which];
+    int t = thread_of(dump, in.tid);
+    if (t < 0) continue;
+    bool deadlock = false;
+    std::string blocker = dump.java ? java_blocker(dump, t, &deadlock) : "";
+    cells +=
+        "<tr class=\"stacks\"><td>" +
+        escape(std::string(dump.java ? "Java" : "native") + " stack, " + dump.when + " (" +
+               dump.source + ")") +
+        (blocker.empty() ? ""
+                         : "<p class=\"blocker\">" +
+                               escape((deadlock ? "Deadlock: " : "Blocker: ") + blocker) + "</p>") +
+        "</td><td><pre>" + escape(android::base::Join(dump.threads[t].stack, "\n")) +
+        "</pre></td></tr>\n";
+  }
+  std::string kernel = in.dump >= 0 ? kernel_blocker(story.dumps[in.dump], in.tid) : "";
+  if (!kernel.empty())
+    cells += "<tr class=\"stacks\"><td colspan=\"2\" class=\"blocker\">In the kernel: " +
+             escape(kernel) + "</td></tr>\n";
+  return cells;
+}
+
 constexpr const char kStyle[] = R"(
 body { font: 14px/1.45 system-ui, sans-serif; margin: 24px; color: #222; max-width: 1040px; }
 h1 { font-size: 22px; } h2 { font-size: 18px; margin-top: 32px; } h3 { font-size: 15px; margin: 18px 0 4px; }
@@ -216,14 +353,31 @@ svg.timeline { display: block; } .axis { font-size: 10px; fill: #666; }
 
 }  // namespace
 
+// "3 SysRq w dumps, 1 hung task report in the kernel log; 2 Java and 1 native stack dumps".
+std::string evidence_counts(const Story& story) {
+  std::map<std::string, size_t> kinds;
+  for (const KernelDump& dump : story.dumps) ++kinds[dump.kind];
+  size_t java = 0;
+  for (const ProcessDump& dump : story.stacks) java += dump.java;
+  std::string s =
+      StringPrintf("%zu SysRq w dump%s", kinds["SysRq w"], kinds["SysRq w"] == 1 ? "" : "s");
+  if (kinds["hung task"] > 0)
+    s += StringPrintf(", %zu hung-task report%s", kinds["hung task"],
+                      kinds["hung task"] == 1 ? "" : "s");
+  s += " in the kernel log";
+  if (!story.stacks.empty())
+    s += StringPrintf("; %zu Java and %zu native stack dumps", java, story.stacks.size() - java);
+  return s;
+}
+
 std::string summary(const Story& story) {
   const InputStats& in = story.input;
   std::string s = StringPrintf(
       "%llu log lines read (%llu of stall_ward; %llu unreadable, skipped); "
-      "%zu run%s of the daemon; %zu SysRq w dump%s in the kernel log\n",
+      "%zu run%s of the daemon; %s\n",
       static_cast<unsigned long long>(in.lines), static_cast<unsigned long long>(in.daemon),
       static_cast<unsigned long long>(in.unreadable), story.runs.size(),
-      story.runs.size() == 1 ? "" : "s", story.dumps.size(), story.dumps.size() == 1 ? "" : "s");
+      story.runs.size() == 1 ? "" : "s", evidence_counts(story).c_str());
   for (const std::string& error : in.errors) s += "cannot read " + error + "\n";
   return s;
 }
@@ -278,7 +432,7 @@ std::string html_report(const Story& story) {
       h += "<tr class=\"incident\"><td>" + escape(incident_text(story, in)) + "</td><td>" +
            (task != nullptr ? "<pre>" + escape(android::base::Join(task->stack, "\n")) + "</pre>"
                             : "") +
-           "</td></tr>\n";
+           "</td></tr>\n" + stacks_html(story, in);
     }
     for (const Mark& event : run.events) {
       h += "<tr class=\"event\"><td>" + escape(hms(event.clock) + " " + event.text) +
@@ -310,6 +464,65 @@ std::string html_report(const Story& story) {
   return h + "</body></html>\n";
 }
 
+namespace {
+
+// An incident's Java and native stacks of the watched thread, and its blocker.
+void add_stacks_json(const Story& story, const Incident& in, nlohmann::json* j) {
+  (*j)["java_dump"] = in.java;
+  (*j)["native_dump"] = in.native;
+  (*j)["signalled_pid"] = in.signalled;
+  nlohmann::json blocker = {{"deadlock", false}, {"java", ""}, {"kernel", ""}};
+  for (int which : {in.java, in.native}) {
+    if (which < 0) continue;
+    const ProcessDump& dump = story.stacks[which];
+    int t = thread_of(dump, in.tid);
+    nlohmann::json stack = {{"when", dump.when},
+                            {"source", dump.source},
+                            {"complete", dump.complete},
+                            {"found", t >= 0},
+                            {"thread", t >= 0 ? dump.threads[t].name : ""},
+                            {"state", t >= 0 ? dump.threads[t].state : ""},
+                            {"stack", t >= 0 ? dump.threads[t].stack : std::vector<std::string>()}};
+    (*j)[dump.java ? "java_stack" : "native_stack"] = stack;
+    if (!dump.java || t < 0) continue;
+    bool deadlock = false;
+    blocker["java"] = java_blocker(dump, t, &deadlock);
+    blocker["deadlock"] = deadlock;
+    nlohmann::json chain = nlohmann::json::array();
+    if (!dump.threads[t].waits_for.empty()) {
+      for (size_t k : monitor_chain(dump, t, &deadlock)) {
+        const StackThread& th = dump.threads[k];
+        chain.push_back({{"name", th.name},
+                         {"tid", th.tid},
+                         {"state", th.state},
+                         {"waits_for", th.waits_for},
+                         {"held_by", th.held_by}});
+      }
+    }
+    blocker["chain"] = chain;
+  }
+  if (in.dump >= 0) blocker["kernel"] = kernel_blocker(story.dumps[in.dump], in.tid);
+  (*j)["blocker"] = blocker;
+}
+
+void add_kernel_json(const KernelDump& dump, nlohmann::json* j) {
+  (*j)["kind"] = dump.kind;
+  (*j)["last_boot"] = dump.last_boot;
+  (*j)["cut"] = dump.cut;
+  for (size_t t = 0; t < dump.tasks.size(); ++t) {
+    if (!dump.tasks[t].owner.empty()) (*j)["tasks"][t]["owner"] = dump.tasks[t].owner;
+  }
+  nlohmann::json groups = nlohmann::json::array();
+  for (const KernelGroup& g : kernel_groups(dump)) {
+    nlohmann::json pids = nlohmann::json::array();
+    for (size_t t : g.tasks) pids.push_back(dump.tasks[t].pid);
+    groups.push_back({{"where", g.where}, {"pids", pids}});
+  }
+  (*j)["groups"] = groups;
+}
+
+}  // namespace
+
 std::string json_report(const Story& story) {
   using nlohmann::json;
   json j = {{"lines", story.input.lines},
@@ -328,6 +541,7 @@ std::string json_report(const Story& story) {
               {"debug_lines", run.lines},
               {"sweeps_proc", run.sweeps_proc},
               {"sweeps_shell", run.sweeps_shell},
+              {"last_boot", run.last_boot},
               {"records", json::object()},
               {"incidents", json::array()},
               {"events", json::array()}};
@@ -353,6 +567,7 @@ std::string json_report(const Story& story) {
                                 {"action", in.action},
                                 {"action_clock", in.action_clock},
                                 {"kernel_dump", in.dump}});
+      add_stacks_json(story, in, &r["incidents"].back());
     }
     for (const Mark& m : run.events)
       r["events"].push_back({{"clock", m.clock}, {"kind", m.kind}, {"text", m.text}});
@@ -369,8 +584,9 @@ std::string json_report(const Story& story) {
     }
     j["kernel_dumps"].push_back(
         {{"clock", dump.clock}, {"answers", dump.answers}, {"tasks", tasks}});
+    add_kernel_json(dump, &j["kernel_dumps"].back());
   }
-  return j.dump(1) + "\n";
+  return j.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace report

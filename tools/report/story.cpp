@@ -47,8 +47,14 @@ struct Builder {
   std::vector<Context> contexts;  // one a run
   Run* run = nullptr;
   Context* ctx = nullptr;
-  KernelDump* dump = nullptr;  // open while a SysRq w answer is being read
-  KernelTask* task = nullptr;
+  KernelReader kernel;
+  JavaReader java;
+  NativeReader native;
+  int stack_section = -1;
+  // A bug report may hold its system log twice: a daemon line of a later section no newer than
+  // those of the sections before it is one read already (by boot: this one, the last one).
+  int log_section[2] = {-1, -1};
+  int64_t read_until[2] = {-1, -1}, section_until[2] = {-1, -1};
   // What asked the kernel for a dump, in order: (run, incident), or (run, -1 - event) for the
   // self-watchdog.
   std::vector<std::pair<int, int>> asked;
@@ -70,6 +76,7 @@ void start_run(Builder* b, const Line& line, bool started) {
   b->run = &b->story.runs.back();
   b->ctx = &b->contexts.back();
   b->run->pid = line.pid;
+  b->run->last_boot = line.from == Line::kLastBoot;
   if (started) b->run->started = line.clock;
   set_timeout(b->run, kDefaultTimeout);
 }
@@ -219,6 +226,8 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
     what = was == 'S' ? "SIGQUIT, signal 35" : "signal 35";
   }
   Incident& in = open_incident(b, rec);
+  if (was != 'D') in.signalled = was == 'Z' ? rec->ppid : rec->pid;
+  in.sigquit = was == 'S';
   in.evidence = what;
   in.evidence_clock = line.clock;
   in.evidence_ms = line.ms;
@@ -283,9 +292,13 @@ void daemon_line(Builder* b, const Line& line) {
     start_run(b, line, true);
     return;
   }
-  if (b->run == nullptr || b->run->pid != line.pid) {
+  bool last_boot = line.from == Line::kLastBoot;
+  if (b->run == nullptr || b->run->pid != line.pid || b->run->last_boot != last_boot) {
     size_t i = b->story.runs.size();
-    while (i > 0 && b->story.runs[i - 1].pid != line.pid) --i;
+    while (i > 0 &&
+           (b->story.runs[i - 1].pid != line.pid || b->story.runs[i - 1].last_boot != last_boot)) {
+      --i;
+    }
     if (i == 0) {
       start_run(b, line, false);  // its start is not in the log
     } else {
@@ -408,106 +421,48 @@ void daemon_line(Builder* b, const Line& line) {
   }
 }
 
-// "watchdog        D    0  1301   1234 0x00000008" (4.14 to 5.4) or
-// "task:watchdog        state:D stack:0     pid:1301  ppid:1234   flags:0x00000008" (5.10 on,
-// with "tgid:" before "ppid:" in 6.x).
-bool parse_task(const std::string& t, KernelTask* task) {
-  if (StartsWith(t, "task:")) {
-    size_t state = t.find(" state:");
-    size_t pid = t.find(" pid:");
-    if (state == std::string::npos || pid == std::string::npos || state + 7 >= t.size())
-      return false;
-    task->comm = android::base::Trim(t.substr(5, state - 5));
-    task->state = t[state + 7];
-    task->pid = atoi(t.c_str() + pid + 5);
-    size_t ppid = t.find(" ppid:");
-    task->ppid = ppid == std::string::npos ? -1 : atoi(t.c_str() + ppid + 6);
-    return task->pid > 0;
+// A daemon line of a later section no newer than those of the sections before it.
+bool repeated(Builder* b, const Line& line) {
+  int boot = line.from == Line::kLastBoot;
+  if (line.section != b->log_section[boot]) {
+    b->log_section[boot] = line.section;
+    b->read_until[boot] = std::max(b->read_until[boot], b->section_until[boot]);
+    b->section_until[boot] = -1;
   }
-  std::vector<std::string> f = android::base::Split(t, " ");
-  f.erase(std::remove(f.begin(), f.end(), ""), f.end());
-  size_t n = f.size();
-  if (n < 6 || !StartsWith(f[n - 1], "0x") || f[n - 5].size() != 1) return false;
-  for (size_t i = n - 4; i < n - 1; ++i) {
-    if (f[i].find_first_not_of("0123456789") != std::string::npos) return false;
-  }
-  size_t state_at = t.rfind(" " + f[n - 5] + " ", t.find(" " + f[n - 4]));
-  task->comm = android::base::Trim(t.substr(0, state_at));
-  task->state = f[n - 5][0];
-  task->pid = atoi(f[n - 3].c_str());
-  task->ppid = atoi(f[n - 2].c_str());
-  return !task->comm.empty();
+  if (line.ms >= 0 && line.ms <= b->read_until[boot]) return true;
+  b->section_until[boot] = std::max(b->section_until[boot], line.ms);
+  return false;
 }
 
-// " __switch_to+0x98/0xd8", " ? schedule+0x40/0xd0 [module]": the function's name.
-bool parse_frame(const std::string& text, std::string* function) {
-  std::string t = text;
-  if (StartsWith(t, "? ")) t = t.substr(2);
-  size_t plus = t.find("+0x");
-  if (plus == std::string::npos || plus == 0 || t.find('/', plus) == std::string::npos)
-    return false;
-  std::string name = t.substr(0, plus);
-  if (name.find_first_of(" :[") != std::string::npos) return false;
-  *function = name;
-  return true;
-}
-
-enum KernelKind { kNotDump, kDumpStart, kDumpNoise, kTask, kFrame };
-
-KernelKind classify(const std::string& text, KernelTask* task, std::string* function) {
-  std::string t = android::base::Trim(text);
-  if (t.find("Show Blocked State") != std::string::npos) return kDumpStart;
-  if (t.empty() || StartsWith(t, "task ") || StartsWith(t, "Call trace") ||
-      StartsWith(t, "Call Trace") || t == "<TASK>" || t == "</TASK>") {
-    return kDumpNoise;
+void stack_line(Builder* b, const Line& line) {
+  if (line.section != b->stack_section) {  // a dump never goes on into another file or section
+    b->stack_section = line.section;
+    b->java.open = b->native.open = false;
   }
-  if (parse_task(t, task)) return kTask;
-  if (parse_frame(t, function)) return kFrame;
-  return kNotDump;
-}
-
-// One kernel line; `texts` are the ways to read it, the first that belongs to a dump counts (a
-// kernel line that came through logcat has had its first word taken for a tag).
-void kernel_text(Builder* b, const Line& line, const std::vector<std::string>& texts) {
-  KernelTask task;
-  std::string function;
-  KernelKind kind = kNotDump;
-  for (const std::string& text : texts) {
-    if ((kind = classify(text, &task, &function)) != kNotDump) break;
-  }
-  if (kind == kDumpStart) {
-    b->story.dumps.emplace_back();
-    b->dump = &b->story.dumps.back();
-    b->dump->clock = line.clock;
-    b->dump->ms = line.ms;
-    b->task = nullptr;
-  } else if (b->dump == nullptr || kind == kDumpNoise) {
-    return;
-  } else if (kind == kTask) {
-    b->dump->tasks.push_back(task);
-    b->task = &b->dump->tasks.back();
-  } else if (kind == kFrame && b->task != nullptr) {
-    b->task->stack.push_back(function);
-  } else {
-    b->dump = nullptr;  // the dump has ended
-    b->task = nullptr;
-  }
+  size_t java = b->java.dumps.size(), native = b->native.dumps.size();
+  b->java.add(line.text);
+  b->native.add(line.text);
+  if (b->java.dumps.size() > java) b->java.dumps.back().source = line.tag;
+  if (b->native.dumps.size() > native) b->native.dumps.back().source = line.tag;
 }
 
 void add_line(Builder* b, const Line& line) {
-  if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
+  if (line.from == Line::kStackDump) {
+    stack_line(b, line);
+  } else if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
+    if (repeated(b, line)) return;
     ++b->story.input.daemon;
     daemon_line(b, line);
-  } else if (line.kind == Line::kKernel) {
-    kernel_text(b, line, {line.text});
-  } else if (line.kind == Line::kLogcat) {
-    kernel_text(b, line, {line.tag + ": " + line.text, line.tag + " " + line.text, line.text});
+  } else if (line.kind == Line::kKernel || line.kind == Line::kLogcat) {
+    b->kernel.add(line);
   }
 }
 
-// Each dump goes to what asked for it: with a wall clock (logcat) to the latest request at most
-// 10 s before it; with the time since boot only (dmesg), in order, counted from the last, since
-// a kernel log loses its oldest lines first.
+// Each SysRq w dump goes to what asked for it: with a wall clock (logcat) to the latest request at
+// most 10 s before it; with the time since boot only (dmesg), in order, counted from the last of
+// the same boot, since a kernel log loses its oldest lines first. The SysRq l dump after it goes
+// with it. An incident whose thread no SysRq w dump lists takes the kernel's own hung-task report
+// of it, the last one of its boot.
 void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
@@ -525,25 +480,79 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
       story->dumps[dump].answers = "the self-watchdog of stall_ward pid " + std::to_string(run.pid);
     }
   };
-  std::vector<size_t> by_uptime;
-  for (size_t d = 0; d < story->dumps.size(); ++d) {
-    if (story->dumps[d].ms < 0) {
-      by_uptime.push_back(d);
-      continue;
+  for (bool last_boot : {false, true}) {
+    std::vector<size_t> by_uptime;
+    for (size_t d = 0; d < story->dumps.size(); ++d) {
+      const KernelDump& dump = story->dumps[d];
+      if (dump.kind != "SysRq w" || dump.last_boot != last_boot) continue;
+      if (dump.ms < 0) {
+        by_uptime.push_back(d);
+        continue;
+      }
+      for (size_t i = asked.size(); i-- > 0;) {
+        int64_t at = when(asked[i]);
+        if (!taken[i] && at <= dump.ms + 1000 && dump.ms - at <= 10000) {
+          give(i, d);
+          break;
+        }
+      }
     }
-    for (size_t i = asked.size(); i-- > 0;) {
-      int64_t at = when(asked[i]);
-      if (!taken[i] && at <= story->dumps[d].ms + 1000 && story->dumps[d].ms - at <= 10000) {
-        give(i, d);
-        break;
+    size_t i = asked.size();
+    for (size_t k = by_uptime.size(); k-- > 0;) {
+      while (i > 0 && (taken[i - 1] || story->runs[asked[i - 1].first].last_boot != last_boot)) --i;
+      if (i == 0) break;
+      give(--i, by_uptime[k]);
+    }
+  }
+  for (size_t d = 1; d < story->dumps.size(); ++d) {
+    if (story->dumps[d].kind == "SysRq l" && story->dumps[d - 1].kind == "SysRq w")
+      story->dumps[d].answers = story->dumps[d - 1].answers;
+  }
+  for (Run& run : story->runs) {
+    for (Incident& in : run.incidents) {
+      auto lists = [&](int d) {
+        for (const KernelTask& task : story->dumps[d].tasks) {
+          if (task.pid == in.tid && !task.stack.empty()) return true;
+        }
+        return false;
+      };
+      if (in.evidence.find("SysRq") == std::string::npos || (in.dump >= 0 && lists(in.dump)))
+        continue;
+      for (size_t d = 0; d < story->dumps.size(); ++d) {
+        const KernelDump& dump = story->dumps[d];
+        if (dump.kind == "hung task" && dump.last_boot == run.last_boot && lists(d)) {
+          in.dump = static_cast<int>(d);
+          story->dumps[d].answers = "evidence for " + in.record;
+        }
       }
     }
   }
-  size_t i = asked.size();
-  for (size_t k = by_uptime.size(); k-- > 0;) {
-    while (i > 0 && taken[i - 1]) --i;
-    if (i == 0) break;
-    give(--i, by_uptime[k]);
+}
+
+// The Java and native dumps the daemon's SIGQUIT and signal 35 asked for: of the process it
+// signalled, written from a second before its "dumped" line to a minute after (the nearest), or,
+// where a dump's time or the line's is unknown, the last one of that process.
+void attach_stacks(Story* story) {
+  for (Run& run : story->runs) {
+    for (Incident& in : run.incidents) {
+      if (in.signalled <= 0) continue;
+      for (int* which : {&in.java, &in.native}) {
+        bool java = which == &in.java;
+        if (java && !in.sigquit) continue;
+        int64_t best = INT64_MAX;
+        for (size_t k = 0; k < story->stacks.size(); ++k) {
+          const ProcessDump& dump = story->stacks[k];
+          if (dump.pid != in.signalled || dump.java != java || dump.threads.empty()) continue;
+          bool timed = dump.ms >= 0 && in.evidence_ms >= 0;
+          int64_t after = timed ? dump.ms - in.evidence_ms : 0;
+          if (timed && (after < -1000 || after > 60000)) continue;
+          if (std::llabs(after) <= best) {
+            best = std::llabs(after);
+            *which = static_cast<int>(k);
+          }
+        }
+      }
+    }
   }
 }
 
@@ -551,14 +560,18 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
 
 Story build_story(const std::vector<std::string>& paths) {
   Builder b;
-  // b.run, b.dump and b.task point at the last element of their vectors, set anew at each growth.
+  // b.run and b.ctx point at an element of their vectors, set anew at each growth.
   read_inputs(paths, &b.story.input, [&b](const Line& line) { add_line(&b, line); });
+  b.story.dumps = std::move(b.kernel.dumps);
+  b.story.stacks = std::move(b.java.dumps);
+  for (ProcessDump& dump : b.native.dumps) b.story.stacks.push_back(std::move(dump));
   for (size_t i = 0; i < b.contexts.size(); ++i) {
     b.run = &b.story.runs[i];
     b.ctx = &b.contexts[i];
     close_sample(&b);
   }
   attach_dumps(&b.story, b.asked);
+  attach_stacks(&b.story);
   return std::move(b.story);
 }
 
