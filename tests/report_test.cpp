@@ -9,6 +9,7 @@
 #include <zip.h>
 
 #include <nlohmann/json.hpp>
+#include <filesystem>
 #include <regex>
 
 #include "helpers.h"
@@ -19,6 +20,10 @@ namespace {
 
 std::string daemon_log(const std::string& test) {
   return REPORT_FIXTURES "/logs/" + test + ".log";
+}
+
+std::string dump(const json& j) {
+  return j.dump();
 }
 
 json story(const Lines& paths) {
@@ -267,6 +272,98 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
     auto below = std::find_if(stack.begin(), stack.end(),
                               [](const std::string& f) { return !report::scheduler_frame(f); });
     EXPECT_EQ(below == stack.end() ? "" : *below, frame);
+  }
+}
+
+// The asleep system_server thread of the daemon's log, its SIGQUIT answered by a Java dump (the
+// bug report's VM TRACES section, an ANR file in its zip, or /data/anr/trace_NN pulled beside it)
+// and its signal 35 by a tombstone in the zip: its incident shows both stacks and the deadlock
+// behind the monitor it waits for; with neither in the input, it says where they are.
+TEST(Report, AnAsleepThreadShowsItsJavaAndNativeStacksAndTheDeadlockBehindIt) {
+  const std::string test = "AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic";
+  json in = story({daemon_log(test)})["runs"][0]["incidents"][0];
+  std::string at = in["evidence_clock"];  // the dumps are written in the same second
+  std::string date = "2026-" + at.substr(0, 5) + " " + at.substr(6, 8);
+  auto fill = [&](const std::string& fixture) {
+    std::string text = read_file(REPORT_FIXTURES "/" + fixture);
+    for (const auto& [key, value] : {std::pair<const char*, std::string>{"@PID", dump(in["pid"])},
+                                     {"@TID", dump(in["tid"])},
+                                     {"@UI", "2012"},
+                                     {"@DISPLAY", "2015"},
+                                     {"@DATE", date}})
+      text = android::base::StringReplace(text, key, value, true);
+    return text;
+  };
+  std::string java = fill("java/handwritten-system_server-deadlock.txt");
+  std::string tombstone = fill("native/handwritten-system_server-signal35.txt");
+  std::string text = bugreport(read_file(daemon_log(test)), "");
+  TempDir dir;
+  write_file(dir.path("bugreport.txt"),
+             text + "------ VM TRACES JUST NOW (/data/anr/dumptrace_d6fTOr: " + date + ") ------\n" +
+                 java + "------ 0.2s was the duration of 'VM TRACES JUST NOW' ------\n");
+  write_zip(dir.path("with-anr.zip"), "b.txt", text,
+            {{"FS/data/anr/anr_2026-11-22-22-16-07-001", java},
+             {"FS/data/tombstones/tombstone_01", tombstone}});
+  write_zip(dir.path("without.zip"), "b.txt", text,
+            {{"FS/data/tombstones/tombstone_01", tombstone}});
+  std::filesystem::create_directory(dir.path("anr"));
+  write_file(dir.path("anr/trace_00"), java);
+  write_file(dir.path("tombstone_01"), tombstone);
+  const Lines cases[] = {{"bugreport.txt", "tombstone_01"}, {"with-anr.zip"}, {"without.zip", "anr"}};
+  for (const Lines& inputs : cases) {
+    SCOPED_TRACE(inputs[0]);
+    Lines paths;
+    for (const std::string& input : inputs) paths.push_back(dir.path(input));
+    json incident = story(paths)["runs"][0]["incidents"][0];
+    EXPECT_EQ(incident["java_stack"]["stack"][0],
+              "com.android.server.am.ActivityManagerService.monitor(ActivityManagerService.java:15203)");
+    EXPECT_EQ(incident["native_stack"]["stack"][0], "libc.so (syscall+28)");
+    Lines chain;
+    for (const json& t : incident["blocker"]["chain"]) chain.push_back(t["name"]);
+    EXPECT_EQ(chain, (Lines{"watchdog", "android.ui", "android.display"}));
+    EXPECT_TRUE(incident["blocker"]["deadlock"]);
+    std::string account = report::text_report(report::build_story(paths));
+    EXPECT_NE(account.find("; a deadlock of \"android.ui\" (tid 2012, Blocked), \"android.display\""),
+              std::string::npos)
+        << account;
+  }
+  std::string account = report::text_report(report::build_story({dir.path("bugreport.txt")}));
+  EXPECT_NE(account.find("no tombstone of pid " + dump(in["pid"])), std::string::npos) << account;
+  account = report::text_report(report::build_story({dir.path("without.zip")}));
+  EXPECT_NE(account.find("/data/anr/trace_NN: adb pull /data/anr"), std::string::npos) << account;
+}
+
+// A panic: the daemon's lines survive in the next boot's bug report (LAST LOGCAT, apart from this
+// boot's daemon of the same id), the kernel's dumps in pstore's record of the boot given beside it,
+// as dmesg-ramoops-0 ("Panic#1 Part1" and /dev/kmsg's lines) or console-ramoops-0.
+TEST(Report, APanicsDumpsAreFoundInTheNextBootsPstoreRecord) {
+  const std::string log =
+      read_file(daemon_log("AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic-2"));
+  json before = story({daemon_log("AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic-2")});
+  int pid = before["runs"][0]["pid"], tid = before["runs"][0]["incidents"][0]["tid"];
+  std::string now = "11-22 23:00:00.000  " + std::to_string(pid) + "  " + std::to_string(pid) +
+                    " D stall_ward: started\n";
+  std::string text = android::base::StringReplace(
+      bugreport(now, ""), "------ CPU INFO",
+      "------ LAST LOGCAT (logcat -L -b all -v threadtime -d *:v) ------\n" + log + "------ CPU INFO",
+      false);
+  std::string dmesg = kernel("dmesg-5.4.txt", tid) + kernel("dmesg-5.4.txt", tid);
+  TempDir dir;
+  write_file(dir.path("bugreport.txt"), text);
+  write_file(dir.path("console-ramoops-0"), dmesg);
+  write_file(dir.path("dmesg-ramoops-0"),
+             "Panic#1 Part1\n" + std::regex_replace(dmesg, std::regex("^", std::regex::multiline), "<6>"));
+  for (const char* pstore : {"console-ramoops-0", "dmesg-ramoops-0"}) {
+    SCOPED_TRACE(pstore);
+    json s = story({dir.path("bugreport.txt"), dir.path(pstore)});
+    ASSERT_EQ(s["runs"].size(), 2u);
+    json run = s["runs"][0]["last_boot"] ? s["runs"][0] : s["runs"][1];
+    ASSERT_EQ(run["incidents"].size(), 1u);
+    EXPECT_EQ(run["incidents"][0]["action"], "kernel panic");
+    int dump = run["incidents"][0]["kernel_dump"];
+    ASSERT_GE(dump, 0);
+    EXPECT_TRUE(s["kernel_dumps"][dump]["last_boot"]);
+    EXPECT_EQ(s["kernel_dumps"][dump]["tasks"][0]["pid"], tid);
   }
 }
 
