@@ -143,6 +143,7 @@ void KernelReader::add(const Line& line) {
     dumps[open].ms = line.ms;
     dumps[open].kind = kind;
     dumps[open].last_boot = line.from == Line::kLastBoot;
+    dumps[open].section = line.section;
     last_s = now;
     idle = 0;
   };
