@@ -126,7 +126,7 @@ bool scheduler_frame(const std::string& f) {
 }
 
 void KernelReader::add(const Line& line) {
-  if (open < 0 && line.text.find("Show B") == std::string::npos &&
+  if (open < 0 && line.text.find("Show Blocked State") == std::string::npos &&
       line.text.find("Show backtrace") == std::string::npos &&
       line.text.find("INFO: task ") == std::string::npos &&
       line.text.find("task:") == std::string::npos && line.tag != "task") {

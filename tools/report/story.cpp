@@ -9,6 +9,8 @@
 #include <string.h>
 
 #include <algorithm>
+#include <map>
+#include <unordered_map>
 
 #include "report.h"
 #include "stall_ward.h"
@@ -51,10 +53,10 @@ struct Builder {
   JavaReader java;
   NativeReader native;
   int stack_section = -1;
-  // A bug report may hold its system log twice: a daemon line of a later section no newer than
-  // those of the sections before it is one read already (by boot: this one, the last one).
-  int log_section[2] = {-1, -1};
-  int64_t read_until[2] = {-1, -1}, section_until[2] = {-1, -1};
+  // A bug report may hold its system log twice: a daemon line that a section before this one
+  // held (the same boot, clock, ids and message) is one read already. By the line's hash, the
+  // section that first held it.
+  std::unordered_map<uint64_t, int> read;
   // What asked the kernel for a dump, in order: (run, incident), or (run, -1 - event) for the
   // self-watchdog.
   std::vector<std::pair<int, int>> asked;
@@ -421,17 +423,14 @@ void daemon_line(Builder* b, const Line& line) {
   }
 }
 
-// A daemon line of a later section no newer than those of the sections before it.
+// A daemon line that an earlier section held.
 bool repeated(Builder* b, const Line& line) {
-  int boot = line.from == Line::kLastBoot;
-  if (line.section != b->log_section[boot]) {
-    b->log_section[boot] = line.section;
-    b->read_until[boot] = std::max(b->read_until[boot], b->section_until[boot]);
-    b->section_until[boot] = -1;
-  }
-  if (line.ms >= 0 && line.ms <= b->read_until[boot]) return true;
-  b->section_until[boot] = std::max(b->section_until[boot], line.ms);
-  return false;
+  uint64_t key = std::hash<std::string>()(line.clock + " " + std::to_string(line.pid) + " " +
+                                          std::to_string(line.tid) + " " + line.text) *
+                     2 +
+                 (line.from == Line::kLastBoot);
+  auto [it, added] = b->read.emplace(key, line.section);
+  return !added && it->second != line.section;
 }
 
 void stack_line(Builder* b, const Line& line) {
