@@ -275,9 +275,8 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
 // "Panic#1 Part1" and /dev/kmsg's lines). The asleep thread shows both stacks and the deadlock
 // behind its monitor, or where the dumps are when they are not in the input; the panic its stack.
 TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
-  const std::string log = daemon_log("AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic"),
-                    panic_log =
-                        daemon_log("AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic-2");
+  const std::string name = "AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic";
+  const std::string log = daemon_log(name), panic_log = daemon_log(name + "-2");
   json in = story({log})["runs"][0]["incidents"][0];
   int panic_tid = story({panic_log})["runs"][0]["incidents"][0]["tid"];
   std::string at = in["evidence_clock"], pid = in["pid"].dump();
@@ -296,10 +295,8 @@ TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
               tombstone = filled("native/handwritten-system_server-signal35.txt", values);
   std::string dmesg = kernel("dmesg-5.4.txt", panic_tid) + kernel("dmesg-5.4.txt", panic_tid);
   TempDir dir;
-  write_file(dir.path("bugreport.txt"), text +
-                                            "------ VM TRACES JUST NOW (/data/anr/dumptrace_d6fT"
-                                            "Or: 2026-11-22 22:16:07) ------\n" +
-                                            java);
+  const std::string vm_traces = "------ VM TRACES JUST NOW (/data/anr/dumptrace_d6fTOr) ------\n";
+  write_file(dir.path("bugreport.txt"), text + vm_traces + java);
   write_zip(dir.path("anr.zip"), "b.txt", text,
             {{"FS/data/anr/anr_2026-11-22-22-16-07-001", java},
              {"FS/data/tombstones/tombstone_01", tombstone}});
