@@ -168,9 +168,13 @@ void KernelReader::add(const Line& line) {
   const char kHung[] = "INFO: task ";
   size_t likely = t.find(" likely owned by task ");
   if (StartsWith(t, kHung) && likely != std::string::npos) {
-    // 6.x: "INFO: task NAME:PID is blocked on a mutex likely owned by task OWNER:PID."
+    // 6.x: "INFO: task NAME:PID is blocked on a mutex likely owned by task OWNER:PID." (or "...
+    // <reader> blocked on an rw-semaphore likely owned by task OWNER:PID <writer>"); the owner's
+    // own task line and stack follow.
     if (open >= 0 && task >= 0) {
       std::string owner = t.substr(likely + strlen(" likely owned by task "));
+      size_t role = owner.rfind(" <");  // " <writer>"
+      if (role != std::string::npos && android::base::EndsWith(owner, ">")) owner.resize(role);
       while (!owner.empty() && (owner.back() == '.' || owner.back() == ' ')) owner.pop_back();
       dumps[open].tasks[task].owner = owner;
     }
