@@ -1,7 +1,8 @@
 // stall_ward_report: from logs to the story of each hang. The input side turns files (logcat in
-// threadtime form, a kernel log, a bug report or its zip) into classified lines; the story side
-// replays the daemon's lines and collects the kernel's blocked-task dumps; the output side writes
-// the text account, the HTML page and the JSON.
+// threadtime form, a kernel log, pstore's record, Java stack dumps, tombstones, a bug report or
+// its zip) into classified lines; one reader per kind of evidence (kernel.cpp, java.cpp,
+// native.cpp) turns lines into dumps; the story side replays the daemon's lines and joins the
+// dumps to it; the output side writes the text account, the HTML page and the JSON.
 #pragma once
 
 #include <stdint.h>

@@ -1,8 +1,9 @@
 // Replays the daemon's log: each sweep's samples give a record's state and, counted by the daemon's
 // own rule (the same state and processor time grows the stall by one interval; another state,
 // more processor time, another run count or a state that is not watched starts it again), its
-// stall; "dumped" lines are the evidence and the policy lines the action. The kernel's blocked-task
-// dumps are collected on the way and attached at the end to what asked for them.
+// stall; "dumped" lines are the evidence and the policy lines the action. The kernel's dumps and
+// the Java and native stack dumps are read on the way by their own readers and attached at the end
+// to what asked for them (by process id and time). Runs, incidents and dumps are held by index.
 #include <android-base/strings.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -47,8 +48,7 @@ struct Context {
 struct Builder {
   Story story;
   std::vector<Context> contexts;  // one a run
-  Run* run = nullptr;
-  Context* ctx = nullptr;
+  int current = -1;               // the run (and its context) of the last daemon line, by index
   KernelReader kernel;
   JavaReader java;
   NativeReader native;
@@ -61,6 +61,14 @@ struct Builder {
   // self-watchdog.
   std::vector<std::pair<int, int>> asked;
 };
+
+Run* run_of(Builder* b) {
+  return &b->story.runs[b->current];
+}
+
+Context* ctx_of(Builder* b) {
+  return &b->contexts[b->current];
+}
 
 Mark mark(const Line& line, const char* kind, const std::string& text) {
   return Mark{line.ms, line.clock, kind, text};
@@ -75,20 +83,15 @@ void set_timeout(Run* run, int64_t timeout_s) {
 void start_run(Builder* b, const Line& line, bool started) {
   b->story.runs.emplace_back();
   b->contexts.emplace_back();
-  b->run = &b->story.runs.back();
-  b->ctx = &b->contexts.back();
-  b->run->pid = line.pid;
-  b->run->last_boot = line.from == Line::kLastBoot;
-  if (started) b->run->started = line.clock;
-  set_timeout(b->run, kDefaultTimeout);
-}
-
-int run_index(const Builder* b) {
-  return static_cast<int>(b->run - b->story.runs.data());
+  b->current = static_cast<int>(b->story.runs.size() - 1);
+  run_of(b)->pid = line.pid;
+  run_of(b)->last_boot = line.from == Line::kLastBoot;
+  if (started) run_of(b)->started = line.clock;
+  set_timeout(run_of(b), kDefaultTimeout);
 }
 
 Record& record(Builder* b, const std::string& name) {
-  Record& rec = b->run->records[name];
+  Record& rec = run_of(b)->records[name];
   rec.name = name;
   return rec;
 }
@@ -114,7 +117,7 @@ void set_since(Record* rec, const Line& line) {
 
 // The daemon's own count, settled once the lines after the sample are in.
 void close_sample(Builder* b) {
-  Sample& s = b->ctx->sample;
+  Sample& s = ctx_of(b)->sample;
   if (!s.open) return;
   s.open = false;
   if (!s.looked_up) return;
@@ -129,8 +132,8 @@ void close_sample(Builder* b) {
     rec.switches = 0;
     set_since(&rec, s.line);
   }
-  if (b->ctx->pid > 0) rec.pid = b->ctx->pid;
-  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
+  if (ctx_of(b)->pid > 0) rec.pid = ctx_of(b)->pid;
+  if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
   if (rec.cpu != s.cpu) rec.state = '?';
   rec.cpu = s.cpu;
   if (rec.state != s.state) {
@@ -138,7 +141,7 @@ void close_sample(Builder* b) {
     rec.state = s.state;
     set_since(&rec, s.line);
   } else {
-    rec.stall_ms += b->run->interval_ms;
+    rec.stall_ms += run_of(b)->interval_ms;
   }
   if (s.watched && s.switches != 0 && s.switches != rec.switches) {
     rec.switches = s.switches;
@@ -156,18 +159,18 @@ void close_sample(Builder* b) {
 void absent_thread(Builder* b, const Line& line, const std::string& name, bool shell) {
   close_sample(b);
   Record& rec = record(b, name);
-  if (shell && rec.pid != b->ctx->pid) {
+  if (shell && rec.pid != ctx_of(b)->pid) {
     rec.stall_ms = 0;
     rec.state = '?';
   }
   if (rec.stall_ms == 0) set_since(&rec, line);
   if (rec.points.empty() || rec.points.back().state != '-') {
     rec.marks.push_back(
-        mark(line, "not-started", "thread not found in pid " + std::to_string(b->ctx->pid)));
+        mark(line, "not-started", "thread not found in pid " + std::to_string(ctx_of(b)->pid)));
   }
-  rec.pid = b->ctx->pid;
-  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
-  rec.stall_ms += b->run->interval_ms;
+  rec.pid = ctx_of(b)->pid;
+  if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
+  rec.stall_ms += run_of(b)->interval_ms;
   add_point(&rec, line, '-');
 }
 
@@ -184,9 +187,9 @@ int64_t alarm_ms(const Run& run) {
 // bound to `pid` (or whose zombie has `pid` as parent) in `state` when given, the longest stalled.
 Record* judged(Builder* b, int pid, char state, bool policy) {
   Record* best = nullptr;
-  for (auto& entry : b->run->records) {
+  for (auto& entry : run_of(b)->records) {
     Record& rec = entry.second;
-    if (rec.stall_ms < alarm_ms(*b->run)) continue;
+    if (rec.stall_ms < alarm_ms(*run_of(b))) continue;
     bool target = pid < 0 || rec.pid == pid || (policy && seen(rec) == 'Z' && rec.ppid == pid);
     if (!target || (state != 0 && seen(rec) != state) || (policy && !rec.reported)) continue;
     if (best == nullptr || rec.stall_ms > best->stall_ms) best = &rec;
@@ -204,17 +207,17 @@ Incident& open_incident(Builder* b, Record* rec) {
     in.tid = rec->tid;
     in.state = seen(*rec);
     in.since = rec->since_clock;
-    rec->incident = static_cast<int>(b->run->incidents.size());
-    b->run->incidents.push_back(in);
+    rec->incident = static_cast<int>(run_of(b)->incidents.size());
+    run_of(b)->incidents.push_back(in);
   }
-  return b->run->incidents[rec->incident];
+  return run_of(b)->incidents[rec->incident];
 }
 
 void evidence(Builder* b, const Line& line, int pid, char state) {
   close_sample(b);
   Record* rec = judged(b, pid, state, false);
   if (rec == nullptr) {
-    b->run->events.push_back(
+    run_of(b)->events.push_back(
         mark(line, "evidence",
              "evidence for pid " + std::to_string(pid) + " of a record not seen in the log"));
     return;
@@ -238,7 +241,7 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
   add_point(rec, line, was);
   rec->marks.push_back(mark(line, "evidence", what));
   if (was == 'D' || was == 'Z') {
-    b->asked.emplace_back(run_index(b), rec->incident);
+    b->asked.emplace_back(b->current, rec->incident);
   }
 }
 
@@ -246,7 +249,7 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   close_sample(b);
   Record* rec = judged(b, pid, 0, true);
   if (rec == nullptr) {
-    b->run->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
+    run_of(b)->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
     return;
   }
   Incident& in = open_incident(b, rec);
@@ -260,7 +263,7 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   add_point(rec, line, seen(*rec));
   rec->marks.push_back(mark(line, "policy", what));
   if (what == "kernel panic") {
-    b->asked.emplace_back(run_index(b), rec->incident);
+    b->asked.emplace_back(b->current, rec->incident);
   }
 }
 
@@ -268,24 +271,24 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
 // every count that reached the timeout.
 void start_sweep(Builder* b, bool way_known, bool proc_walk) {
   close_sample(b);
-  for (auto& entry : b->run->records) {
-    if (entry.second.stall_ms >= alarm_ms(*b->run)) entry.second.stall_ms = 0;
+  for (auto& entry : run_of(b)->records) {
+    if (entry.second.stall_ms >= alarm_ms(*run_of(b))) entry.second.stall_ms = 0;
   }
-  b->ctx->sweep_way_known = way_known;
-  if (way_known) ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
-  b->ctx->pid = -1;
-  b->ctx->process.clear();
+  ctx_of(b)->sweep_way_known = way_known;
+  if (way_known) ++(proc_walk ? run_of(b)->sweeps_proc : run_of(b)->sweeps_shell);
+  ctx_of(b)->pid = -1;
+  ctx_of(b)->process.clear();
 }
 
 void set_way(Builder* b, bool proc_walk) {
-  if (b->ctx->sweep_way_known) return;
-  b->ctx->sweep_way_known = true;
-  ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
+  if (ctx_of(b)->sweep_way_known) return;
+  ctx_of(b)->sweep_way_known = true;
+  ++(proc_walk ? run_of(b)->sweeps_proc : run_of(b)->sweeps_shell);
 }
 
 void setting(Builder* b, const std::string& key, const std::string& value) {
-  b->run->settings[key] = value;
-  if (key == kPropTimeout) set_timeout(b->run, atoll(value.c_str()));
+  run_of(b)->settings[key] = value;
+  if (key == kPropTimeout) set_timeout(run_of(b), atoll(value.c_str()));
 }
 
 void daemon_line(Builder* b, const Line& line) {
@@ -295,7 +298,7 @@ void daemon_line(Builder* b, const Line& line) {
     return;
   }
   bool last_boot = line.from == Line::kLastBoot;
-  if (b->run == nullptr || b->run->pid != line.pid || b->run->last_boot != last_boot) {
+  if (b->current < 0 || run_of(b)->pid != line.pid || run_of(b)->last_boot != last_boot) {
     size_t i = b->story.runs.size();
     while (i > 0 &&
            (b->story.runs[i - 1].pid != line.pid || b->story.runs[i - 1].last_boot != last_boot)) {
@@ -304,60 +307,59 @@ void daemon_line(Builder* b, const Line& line) {
     if (i == 0) {
       start_run(b, line, false);  // its start is not in the log
     } else {
-      b->run = &b->story.runs[i - 1];
-      b->ctx = &b->contexts[i - 1];
+      b->current = static_cast<int>(i - 1);
     }
   }
-  Run& run = *b->run;
+  Run& run = *run_of(b);
   ++run.lines;
   int a = 0, c = 0;
   unsigned u1 = 0, u2 = 0, u3 = 0, u4 = 0;
   unsigned long long count = 0;
   char state = 0, text[256] = {}, more[256] = {};
-  auto listing = b->ctx->listing;
-  b->ctx->listing = Context::kNone;
+  auto listing = ctx_of(b)->listing;
+  ctx_of(b)->listing = Context::kNone;
   if (StartsWith(m, "get ")) {
     size_t eq = m.find(" =");
     if (eq != std::string::npos) setting(b, m.substr(4, eq - 4), m.substr(eq + 2));
   } else if (sscanf(m.c_str(), "monitor %255s threads%c", text, &state) == 2 && state == ':') {
     run.watches.push_back(std::string(text) + ":");
-    b->ctx->listing = Context::kThreads;
+    ctx_of(b)->listing = Context::kThreads;
   } else if (sscanf(m.c_str(), "monitor %255s main%c", text, &state) == 1) {
     run.watches.push_back(std::string(text) + ": main thread");
   } else if (m == "mTids:") {
-    b->ctx->listing = Context::kRecords;
+    ctx_of(b)->listing = Context::kRecords;
   } else if (listing != Context::kNone) {
     if (listing == Context::kThreads && !run.watches.empty()) {
       run.watches.back() += (run.watches.back().back() == ':' ? " " : ", ") + m;
     } else if (listing == Context::kRecords) {
       record(b, m);  // known before any sample, so that a process never started shows
     }
-    b->ctx->listing = listing;
+    ctx_of(b)->listing = listing;
   } else if (m == "[sh] cmd=ps -e |grep stall_ward") {
     start_sweep(b, false, false);
   } else if (m == "go through proc") {
-    if (b->ctx->sweep_way_known) start_sweep(b, true, true);
+    if (ctx_of(b)->sweep_way_known) start_sweep(b, true, true);
     set_way(b, true);
   } else if (StartsWith(m, "[sh] cmd=ps -e|grep ")) {
     close_sample(b);
     set_way(b, false);
-    b->ctx->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
-    b->ctx->pid = -1;
+    ctx_of(b)->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
+    ctx_of(b)->pid = -1;
   } else if (sscanf(m.c_str(), "[sh] cmd=ps -T -p %d", &a) == 1 ||
              sscanf(m.c_str(), "reading /proc/%d/task/%d", &a, &c) == 2) {
     close_sample(b);
-    b->ctx->pid = a;
+    ctx_of(b)->pid = a;
   } else if (sscanf(m.c_str(), "find monitored proc %d:%255s", &a, text) == 2) {
     close_sample(b);
-    b->ctx->pid = a;
-    b->ctx->process = text;
+    ctx_of(b)->pid = a;
+    ctx_of(b)->process = text;
   } else if (sscanf(m.c_str(),
                     "match=%d, tid=%u, comm=%255[^,], state=%c, ppid=%u, utime=%u, stime=%u", &a,
                     &u1, text, &state, &u2, &u3, &u4) == 7) {
     close_sample(b);
     if (a != 6) return;
-    b->ctx->sample = Sample();
-    Sample& s = b->ctx->sample;
+    ctx_of(b)->sample = Sample();
+    Sample& s = ctx_of(b)->sample;
     s.open = true;
     s.comm = text;
     s.tid = static_cast<int>(u1);
@@ -366,19 +368,20 @@ void daemon_line(Builder* b, const Line& line) {
     s.cpu = static_cast<uint64_t>(u3) + u4;
     s.line = line;
   } else if (StartsWith(m, "find record for ")) {
-    if (b->ctx->sample.open && m.substr(16) == b->ctx->sample.comm) b->ctx->sample.looked_up = true;
+    if (ctx_of(b)->sample.open && m.substr(16) == ctx_of(b)->sample.comm)
+      ctx_of(b)->sample.looked_up = true;
   } else if (sscanf(m.c_str(), "change tid=%u comm=%255s cmd=%255[^\n]", &u1, text, more) >= 2) {
-    b->ctx->sample.rebound = true;
-    b->ctx->sample.cmd = more;
+    ctx_of(b)->sample.rebound = true;
+    ctx_of(b)->sample.cmd = more;
   } else if (sscanf(m.c_str(), "switches:%llu", &count) == 1) {
-    b->ctx->sample.watched = true;
-    b->ctx->sample.switches = count;
+    ctx_of(b)->sample.watched = true;
+    ctx_of(b)->sample.switches = count;
     close_sample(b);
   } else if (StartsWith(m, "Not monitor state=")) {
-    b->ctx->sample.watched = false;
+    ctx_of(b)->sample.watched = false;
     close_sample(b);
   } else if (StartsWith(m, "read schedstat failed")) {
-    b->ctx->sample.watched = true;
+    ctx_of(b)->sample.watched = true;
     close_sample(b);
   } else if (sscanf(m.c_str(), "thread %255s not star%c", text, &state) == 2 ||
              sscanf(m.c_str(), "[sh] thread %255s not foun%c", text, &state) == 2) {
@@ -414,7 +417,7 @@ void daemon_line(Builder* b, const Line& line) {
     run.events.push_back(mark(line, "alarm",
                               "the daemon's own loop did not come back within the "
                               "timeout: SysRq w, l"));
-    b->asked.emplace_back(run_index(b), -1 - static_cast<int>(run.events.size() - 1));
+    b->asked.emplace_back(b->current, -1 - static_cast<int>(run.events.size() - 1));
   } else if (sscanf(m.c_str(), "long time cost: %d", &a) == 1) {
     run.events.push_back(mark(line, "slow", "a sweep took " + std::to_string(a) + " ms"));
   } else if (m == "open sysrq failed!" || m == "init failed because of open proc" ||
@@ -559,7 +562,6 @@ void attach_stacks(Story* story) {
 
 Story build_story(const std::vector<std::string>& paths) {
   Builder b;
-  // b.run and b.ctx point at an element of their vectors, set anew at each growth.
   read_inputs(paths, &b.story.input, [&b](const Line& line) { add_line(&b, line); });
   for (KernelDump& dump : b.kernel.dumps) {  // a kernel log read twice holds its dumps twice
     bool again = false;
@@ -573,8 +575,7 @@ Story build_story(const std::vector<std::string>& paths) {
   b.story.stacks = std::move(b.java.dumps);
   for (ProcessDump& dump : b.native.dumps) b.story.stacks.push_back(std::move(dump));
   for (size_t i = 0; i < b.contexts.size(); ++i) {
-    b.run = &b.story.runs[i];
-    b.ctx = &b.contexts[i];
+    b.current = static_cast<int>(i);
     close_sample(&b);
   }
   attach_dumps(&b.story, b.asked);
