@@ -188,8 +188,9 @@ void KernelReader::add(const Line& line) {
     return;
   }
   KernelTask parsed;
-  if (open < 0 && StartsWith(t, "task:") && parse_task(t, &parsed)) start("SysRq w");  // its
-  if (open < 0) return;  // start lost with the oldest lines of the log
+  // A task line of 5.10 on outside any dump: a dump whose start the log lost (its oldest lines).
+  if (open < 0 && StartsWith(t, "task:") && parse_task(t, &parsed)) start("tasks, start lost");
+  if (open < 0) return;
   KernelDump& dump = dumps[open];
   if (++idle > 400 || (now >= 0 && last_s >= 0 && now - last_s > 10)) {
     open = task = -1;

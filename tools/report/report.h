@@ -59,7 +59,9 @@ struct KernelTask {
 struct KernelDump {
   std::string clock;  // as the log printed it
   int64_t ms = -1;    // with a wall clock (logcat, dmesg -T); -1: the time since boot only
-  std::string kind = "SysRq w";  // or "hung task" (the kernel's own report), "SysRq l"
+  // "SysRq w", "hung task" (the kernel's own report), "SysRq l", or "tasks, start lost" (task lines
+  // whose dump began before the oldest line of the log)
+  std::string kind = "SysRq w";
   bool last_boot = false;
   int section = 0;   // Line::section of its start
   bool cut = false;  // its last task has no stack: the log ends or breaks inside it

@@ -464,7 +464,7 @@ void add_line(Builder* b, const Line& line) {
 // most 10 s before it; with the time since boot only (dmesg), in order, counted from the last of
 // the same boot, since a kernel log loses its oldest lines first. The SysRq l dump after it goes
 // with it. An incident whose thread no SysRq w dump lists takes the kernel's own hung-task report
-// of it, the last one of its boot.
+// of it (or a dump whose start the log lost), the last one of its boot.
 void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
@@ -522,7 +522,8 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
         continue;
       for (size_t d = 0; d < story->dumps.size(); ++d) {
         const KernelDump& dump = story->dumps[d];
-        if (dump.kind == "hung task" && dump.last_boot == run.last_boot && lists(d)) {
+        if (dump.kind != "SysRq w" && dump.kind != "SysRq l" && dump.last_boot == run.last_boot &&
+            lists(d)) {
           in.dump = static_cast<int>(d);
           story->dumps[d].answers = "evidence for " + in.record;
         }
