@@ -7,9 +7,12 @@
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <zip.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "helpers.h"
@@ -38,34 +41,42 @@ std::string kernel(const std::string& name, int tid) {
                                       std::to_string(tid), true);
 }
 
-TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
-  const std::tuple<const char*, size_t, int, const char*, const char*> cases[] = {
-      // excerpt; blocked tasks; the first one's parent, stack and frames printed with "?"
-      {"handwritten-dmesg-4.14.txt", 2, 5,
-       "__switch_to __schedule schedule schedule_timeout wait_for_common wait_for_completion "
-       "binder_thread_read binder_ioctl_write_read binder_ioctl do_vfs_ioctl",
-       ""},
-      {"handwritten-dmesg-6.6.txt", 1, 1,
-       "__schedule schedule schedule_timeout __pfx_process_timeout wait_for_completion_killable "
-       "fuse_simple_request",
-       "3"},
-      {"handwritten-logcat-kernel-5.10.txt", 1, 5, "__switch_to __schedule schedule io_schedule",
-       ""},
+// A fixture with its @NAMEs filled in.
+std::string filled(const std::string& name, const std::map<std::string, std::string>& values) {
+  std::string text = read_file(REPORT_FIXTURES "/" + name);
+  for (const auto& [key, value] : values)
+    text = android::base::StringReplace(text, key, value, true);
+  return text;
+}
+
+// Each line format README lists, read by parse_line: "clock|pid tid tag|text" for logcat,
+// "clock|ms|text" for the kernel (ms: a wall clock counted as logcat's, else -1), "" if not a line.
+TEST(Report, ParseLineReadsEveryFormatItClaims) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"11-22 08:07:30.105  1234  1301 I stall_ward: dumped 5 D",  // logcat -v threadtime
+       "11-22 08:07:30.105|1234 1301 stall_ward|dumped 5 D"},
+      {"11-22 08:07:30.105  1000  1234  1301 W Binder Proxy : a: b",  // -v uid, a tag with spaces
+       "11-22 08:07:30.105|1234 1301 Binder Proxy|a: b"},
+      {"2026-11-22 08:07:30.105  1234  1301 D tag:",
+       "11-22 08:07:30.105|1234 1301 tag|"},  // -v year
+      {"[ 1033.404112] sysrq: Show Blocked State", "[1033.404112]|-1|sysrq: Show Blocked State"},
+      {"<6>[    5.000000] init: x", "[5.000000]|-1|init: x"},               // /dev/kmsg's priority
+      {"[  244.878944][   T74] INFO: task", "[244.878944]|-1|INFO: task"},  // a caller field
+      {"<4>[   79.822940 / 05-03 18:11:50.340] [<c0b3d38c>] y",             // vendors' time stamps
+       "[79.822940]|-1|[<c0b3d38c>] y"},
+      {"[    0.000000,0] z", "[0.000000]|-1|z"},
+      {"[  253.955444s][pid:1993,cpu0,init] w", "[253.955444]|-1|w"},
+      {"  [  246.906433] pasted", "[246.906433]|-1|pasted"},  // a log pasted with an indent
+      {"[Sun Nov 22 08:08:40 2026] t", "Sun Nov 22 08:08:40 2026|28195720000|t"},  // dmesg -T
+      {"[ 12.5 not kernel", ""},
   };
-  TempDir dir;
-  for (const auto& [file, tasks, ppid, stack, unreliable] : cases) {
-    SCOPED_TRACE(file);
-    write_file(dir.path(file), kernel(file, 1301));
-    json dumps = story({dir.path(file)})["kernel_dumps"];
-    ASSERT_EQ(dumps.size(), 1u) << "the backtrace of active CPUs is not a blocked-task dump";
-    ASSERT_EQ(dumps[0]["tasks"].size(), tasks);
-    EXPECT_EQ(dumps[0]["tasks"][0],
-              (json{{"comm", "watchdog"},
-                    {"state", "D"},
-                    {"pid", 1301},
-                    {"ppid", ppid},
-                    {"stack", android::base::Split(stack, " ")},
-                    {"unreliable_frames", json::parse("[" + std::string(unreliable) + "]")}}));
+  for (const auto& [raw, want] : cases) {
+    report::Line l;
+    bool read = report::parse_line(raw, &l);
+    std::string ids = l.kind == report::Line::kLogcat
+                          ? std::to_string(l.pid) + " " + std::to_string(l.tid) + " " + l.tag
+                          : std::to_string(l.ms);
+    EXPECT_EQ(read ? l.clock + "|" + ids + "|" + l.text : "", want) << raw;
   }
 }
 
@@ -81,12 +92,15 @@ TEST(Report, ReadsTheRealArm64KernelsLogs) {
                                     {"hung-task.txt", 0u},
                                     {"panic.txt", 0u}}) {
     json s = story({vm + file});
-    ASSERT_EQ(s["kernel_dumps"].size(), dumps) << file;
+    size_t blocked = 0;
     for (const json& dump : s["kernel_dumps"]) {
+      if (dump["kind"] != "SysRq w") continue;
+      ++blocked;
       int watchdogs = 0;
       for (const json& task : dump["tasks"]) watchdogs += task["comm"] == "watchdog";
       EXPECT_EQ(watchdogs, 1) << file;
     }
+    EXPECT_EQ(blocked, dumps) << file;
   }
   json s = story({vm + "stall_ward.log", vm + "sysrq-w.txt"});
   json in = s["runs"][0]["incidents"][0];
@@ -122,13 +136,16 @@ std::string bugreport(const std::string& log, const std::string& dmesg) {
          "------ 0.020s was the duration of 'KERNEL LOG (dmesg)' ------\n";
 }
 
-void write_zip(const std::string& path, const std::string& entry, const std::string& text) {
+// The zip adb bugreport writes: main_entry.txt naming the text, and files of the device (FS/...).
+void write_zip(const std::string& path, const std::string& entry, const std::string& text,
+               const std::vector<std::pair<std::string, std::string>>& files = {}) {
   int error = 0;
   zip_t* z = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
   ASSERT_NE(z, nullptr);
   zip_file_add(z, "main_entry.txt", zip_source_buffer(z, entry.data(), entry.size(), 0), 0);
-  zip_file_add(z, "FS/data/anr/anr_1", zip_source_buffer(z, "x\n", 2, 0), 0);
   zip_file_add(z, entry.c_str(), zip_source_buffer(z, text.data(), text.size(), 0), 0);
+  for (const auto& [name, content] : files)
+    zip_file_add(z, name.c_str(), zip_source_buffer(z, content.data(), content.size(), 0), 0);
   ASSERT_EQ(zip_close(z), 0);
 }
 
@@ -183,11 +200,13 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   for (int i = 0; i < asked; ++i) dmesg += kernel("handwritten-dmesg-5.4.txt", tid);
   std::string text = bugreport(mixed, dmesg);
   TempDir dir;
-  write_file(dir.path("bugreport-x.txt"), text);
-  write_zip(dir.path("bugreport-x.zip"), "bugreport-x.txt", text);
+  // The text with \r\r\n line ends; the zip's with its log sections twice, as Android 11 may write.
+  write_file(dir.path("bugreport-x.txt"), android::base::StringReplace(text, "\n", "\r\r\n", true));
+  write_zip(dir.path("bugreport-x.zip"), "bugreport-x.txt",
+            text + text.substr(text.find("------ SYSTEM LOG")));
   for (const char* input : {"bugreport-x.txt", "bugreport-x.zip"}) {
     json s = story({dir.path(input)});
-    EXPECT_EQ(s["unreadable"], inserted) << input;
+    EXPECT_EQ(s["unreadable"], inserted * (input[12] == 'z' ? 2 : 1)) << input;
     EXPECT_EQ(s["time"]["year"], 2026) << "from the dumpstate line";
     ASSERT_EQ(s["runs"].size(), std::size(cases)) << "the line outside the log sections is read";
     for (size_t i = 0; i < std::size(cases); ++i) {
@@ -216,7 +235,7 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
       EXPECT_EQ(last["time"]["clock"], clock_of(log, c.action_line));
       EXPECT_EQ(count(m, "I dumped " + std::to_string(in["pid"].get<int>()) + " " + c.state), 1);
     }
-    ASSERT_EQ(s["kernel_dumps"].size(), static_cast<size_t>(asked));
+    ASSERT_EQ(s["kernel_dumps"].size(), 2u * asked) << "each SysRq w with its SysRq l";
     for (const json& dump : s["kernel_dumps"]) EXPECT_NE(dump["answers"], "");
     std::string account = report::text_report(report::build_story({dir.path(input)}));
     EXPECT_NE(
@@ -232,6 +251,9 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
                                            dir.path("bugreport-x.zip")})
                 .wait(20000),
             0);
+  std::string zip = read_file(dir.path("bugreport-x.zip"));  // cut short: said, and exit 2
+  write_file(dir.path("cut.zip"), zip.substr(0, zip.size() / 2));
+  EXPECT_EQ(WEXITSTATUS(spawn(STALL_WARD_REPORT_PATH, {"r", dir.path("cut.zip")}).wait(20000)), 2);
   Child browser =
       spawn("/usr/bin/chromium",
             {"chromium", "--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",
@@ -252,6 +274,124 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   EXPECT_EQ(dom.find_first_of("`"), std::string::npos);
   EXPECT_EQ(dom.find("pid -1"), std::string::npos);
   EXPECT_NE(dom.find("<div class=\"timeline\"><div class=\"plot\"><svg"), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+// Real kernel logs (each .source names where it was published) and hand-written ones, each in a
+// bug report beside the daemon's log, the watched thread's id put in place of the task's: its
+// kernel stack is attached, down to its first frame below the scheduler's.
+TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      // excerpt; the task taken for the watched thread; its first frame below the scheduler's
+      {"handwritten-logcat-kernel-5.10.txt", "@TID", ""},
+      {"twrp-3.4-arm32-vendor-stamps-sysrq-w.txt", "6", "wait_for_common"},
+      {"esos-3.x-x86-pc-column-stack-words.txt", "3937", "__blk_run_queue"},
+      {"raspberrypi-4.14-arm32-hung-task.txt", "28445", ""},
+      {"binder-4.15-arm64-hung-task.txt", "54781", "__mutex_lock.isra.0"},
+      {"rockchip-4.19-arm64-hung-task.txt", "1", "wait_for_common"},
+      {"raspberrypi-5.x-arm32-registers-between-frames.txt", "19868", "wait_for_completion"},
+      {"sched-ext-6.9-x86-task-markers.txt", "1531", "__mutex_lock"},
+      {"raspberrypi-6.12-arm32-hung-task.txt", "208", "kthread"},
+      {"qualcomm-6.19-arm64-caller-field-indented.txt", "1", "__wait_for_common"},
+  };
+  std::string log = read_file(daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill"));
+  int tid = story(
+      {daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill")})["runs"][0]["incidents"][0]["tid"];
+  TempDir dir;
+  for (const auto& [file, pid, frame] : cases) {
+    SCOPED_TRACE(file);
+    std::string dmesg = kernel(file, tid), id = std::to_string(tid);  // in the task's line
+    dmesg = android::base::StringReplace(dmesg, " " + std::string(pid) + " ", " " + id + " ", true);
+    dmesg = android::base::StringReplace(dmesg, "pid:" + std::string(pid) + " ", "pid:" + id + " ",
+                                         true);
+    write_file(dir.path("bugreport.txt"), bugreport(log, dmesg));
+    json s = story({dir.path("bugreport.txt")});
+    Lines stack;
+    for (const json& task :
+         s["kernel_dumps"][s["runs"][0]["incidents"][0]["kernel_dump"].get<int>()]["tasks"])
+      if (task["pid"] == tid) stack = task["stack"].get<Lines>();
+    ASSERT_FALSE(stack.empty());
+    auto below = std::find_if(stack.begin(), stack.end(),
+                              [](const std::string& f) { return !report::scheduler_frame(f); });
+    EXPECT_EQ(below == stack.end() ? "" : *below, frame);
+  }
+}
+
+// The next boot's bug report of two incidents: this boot's asleep system_server thread, its SIGQUIT
+// answered by a Java dump (the VM TRACES section, an ANR file in the zip, or /data/anr/trace_NN
+// pulled beside it) and its signal 35 by a tombstone; the last boot's panic (LAST LOGCAT), its
+// kernel dumps in pstore's record given beside it (console-ramoops-0, or dmesg-ramoops-0 with its
+// "Panic#1 Part1" and /dev/kmsg's lines). The asleep thread shows both stacks and the deadlock
+// behind its monitor, or where the dumps are when they are not in the input; the panic its stack.
+TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
+  const std::string name = "AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic";
+  const std::string log = daemon_log(name), panic_log = daemon_log(name + "-2");
+  json in = story({log})["runs"][0]["incidents"][0];
+  int panic_tid = story({panic_log})["runs"][0]["incidents"][0]["tid"];
+  std::string at = in["actions"][0]["time"]["clock"], pid = in["pid"].dump();
+  std::string text = android::base::StringReplace(
+      bugreport(read_file(log), ""), "------ CPU INFO",
+      "------ LAST LOGCAT (logcat -L -d) ------\n" + read_file(panic_log) + "------ CPU INFO",
+      false);
+  const std::map<std::string, std::string> values = {
+      // written in the "dumped" line's second
+      {"@PID", pid},
+      {"@TID", in["tid"].dump()},
+      {"@UI", "2012"},
+      {"@DISPLAY", "2015"},
+      {"@DATE", "2026-" + at.substr(0, 5) + " " + at.substr(6, 8)}};
+  std::string java = filled("java/handwritten-system_server-deadlock.txt", values),
+              tombstone = filled("native/handwritten-system_server-signal35.txt", values);
+  std::string dmesg = kernel("handwritten-dmesg-5.4.txt", panic_tid) +
+                      kernel("handwritten-dmesg-5.4.txt", panic_tid);
+  TempDir dir;
+  const std::string vm_traces = "------ VM TRACES JUST NOW (/data/anr/dumptrace_d6fTOr) ------\n";
+  write_file(dir.path("bugreport.txt"), text + vm_traces + java);
+  write_zip(dir.path("anr.zip"), "b.txt", text,
+            {{"FS/data/anr/anr_2026-11-22-22-16-07-001", java},
+             {"FS/data/tombstones/tombstone_01", tombstone}});
+  write_zip(dir.path("without.zip"), "b.txt", text,
+            {{"FS/data/tombstones/tombstone_01", tombstone}});
+  std::filesystem::create_directory(dir.path("anr"));
+  write_file(dir.path("anr/trace_00"), java);
+  write_file(dir.path("tombstone_01"), tombstone);
+  write_file(dir.path("console-ramoops-0"), dmesg);
+  write_file(dir.path("dmesg-ramoops-0"),
+             "Panic#1 Part1\n<6>" + android::base::StringReplace(dmesg, "\n", "\n<6>", true));
+  for (const Lines& inputs :
+       {Lines{"bugreport.txt", "tombstone_01", "console-ramoops-0"},
+        Lines{"anr.zip", "dmesg-ramoops-0"}, Lines{"without.zip", "anr"}, Lines{"without.zip"}}) {
+    SCOPED_TRACE(inputs[0]);
+    Lines paths;
+    for (const std::string& input : inputs) paths.push_back(dir.path(input));
+    std::string account = report::text_report(report::build_story(paths));
+    json s = story(paths);
+    if (inputs.size() == 1) {  // neither the Java dump nor the kernel's: where they are
+      EXPECT_NE(account.find("/data/anr/trace_NN: adb pull /data/anr"), std::string::npos)
+          << account;
+      EXPECT_NE(account.find("No blocked-task dump found"), std::string::npos);
+      continue;
+    }
+    json asleep = s["runs"][0]["incidents"][0], panic = s["runs"][1]["incidents"][0];
+    EXPECT_EQ(
+        asleep["java_stack"]["stack"][0],
+        "com.android.server.am.ActivityManagerService.monitor(ActivityManagerService.java:15203)");
+    EXPECT_EQ(asleep["native_stack"]["stack"][0], "libc.so (syscall+28)");
+    EXPECT_NE(account.find("held by thread 12 \"android.ui\" (tid 2012, Blocked) at com.android."
+                           "server.wm.WindowManagerService.getWindowDisplayFrame"),
+              std::string::npos)
+        << account;
+    EXPECT_NE(
+        account.find("; a deadlock of \"android.ui\" (tid 2012, Blocked), \"android.display\""),
+        std::string::npos);
+    if (inputs[0] == "without.zip") continue;  // no pstore record
+    EXPECT_TRUE(s["runs"][1]["last_boot"]);
+    EXPECT_EQ(panic["actions"].back()["what"], "panic");
+    EXPECT_EQ(s["kernel_dumps"][panic["kernel_dump"].get<int>()]["tasks"][0]["pid"], panic_tid);
+  }
 }
 
 }  // namespace

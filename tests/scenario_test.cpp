@@ -203,6 +203,18 @@ TEST(Scenario, RebootEndsTheInitOfThePidNamespace) {
   EXPECT_EQ(run.messages().back(), "I rebooting") << "nothing is logged after the reboot request";
 }
 
+// The report's fixtures of an asleep app thread (SIGQUIT and signal 35, then the policy "none")
+// and of a panic: the daemon's logs of each, end to end.
+TEST(Scenario, AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic) {
+  for (const std::string state : {"S", "D"}) {
+    DaemonRun run(props("system_server:watchdog", state == "S" ? "none" : "panic"),
+                  {{"zygote64", "--spawn", "/system/bin/system_server", "--thread",
+                    "watchdog:" + state, "--signals", "@sig"}});
+    std::string policy = state == "S" ? "I nothing to do accroding to policy" : "I trigger crash";
+    EXPECT_TRUE(eventually([&] { return count_prefix(run.messages(), policy) > 0; }, kWait));
+  }
+}
+
 TEST(Fault, AHangingPsFiresTheSelfWatchdogAndTheDaemonCarriesOn) {
   DaemonRun run(props("init"), {},
                 {"PATH=" + std::string(ANDROID_PS_DIR) + "/hang:" + getenv("PATH")});

@@ -4,8 +4,10 @@
 #include <android-base/strings.h>
 #include <math.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "report.h"
@@ -208,8 +210,11 @@ std::string missing_dump(const Story& story, const Incident& in) {
     return "No blocked-task dump found: give the kernel log too (adb shell dmesg, or the bug "
            "report, which holds it).";
   }
-  return "The evidence for a thread that is not in D is a dump inside its process: the native "
-         "dump in /data/tombstones, Java stacks in /data/anr (both in the bug report).";
+  return "The evidence for a thread that is not in D is a dump inside its process: give its "
+         "tombstone (the bug report holds /data/tombstones) and, for an app, its Java dump (adb "
+         "pull "
+         "/data/anr: Android 11 writes it to /data/anr/trace_NN, which a bug report does not "
+         "carry).";
 }
 
 // "wait_for_common < wait_for_completion < ... (under __switch_to < __schedule < schedule)".
@@ -246,7 +251,118 @@ std::string sweeps(const Run& run) {
 
 std::string run_title(const Run& run) {
   return StringPrintf("stall_ward (pid %d), ", run.pid) +
-         (run.started.empty() ? "its start not in the log" : "started " + run.started);
+         (run.started.empty() ? "its start not in the log" : "started " + run.started) +
+         (run.last_boot ? " (the previous boot)" : "");
+}
+
+// The thread of a Java or native dump with the kernel's id `tid`, -1 if it is not there.
+int thread_of(const ProcessDump& dump, int tid) {
+  for (size_t i = 0; i < dump.threads.size(); ++i) {
+    if (dump.threads[i].tid == tid) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+// The frames of a Java or native stack, innermost first, the lock lines left to the blocker.
+std::string frames_line(const StackThread& thread, size_t frames) {
+  std::vector<std::string> top;
+  for (const std::string& f : thread.stack) {
+    if (f.rfind("- ", 0) != 0 && top.size() < frames) top.push_back(f);
+  }
+  return android::base::Join(top, " < ") + (thread.stack.size() > frames ? " < ..." : "");
+}
+
+std::string thread_words(const StackThread& t) {
+  return StringPrintf("\"%s\" (tid %d%s%s)", t.name.c_str(), t.tid, t.state.empty() ? "" : ", ",
+                      t.state.c_str());
+}
+
+// Who holds what the watched thread waits for: the Java monitor chain, each holder with its own
+// top frames, a deadlock named as such.
+std::string java_blocker(const ProcessDump& dump, int thread, bool* deadlock) {
+  *deadlock = false;
+  if (thread < 0 || dump.threads[thread].waits_for.empty()) return "";
+  std::vector<size_t> chain = monitor_chain(dump, thread, deadlock);
+  std::string s;
+  for (size_t k = 0; k < chain.size(); ++k) {
+    const StackThread& t = dump.threads[chain[k]];
+    if (k > 0) s += thread_words(t) + " at " + frames_line(t, 2);
+    if (t.waits_for.empty()) break;
+    s += std::string(k > 0 ? ", which " : "") + "waits to lock " + t.waits_for;
+    s += t.held_by > 0 ? StringPrintf(" held by thread %d ", t.held_by) : " (its holder not named)";
+    if (k + 1 == chain.size() && t.held_by > 0 && !*deadlock) s += "(not in the dump)";
+  }
+  s = android::base::Trim(s);
+  if (*deadlock) {  // the cycle: from the thread that the last one waits for
+    std::vector<std::string> names;
+    bool in_cycle = false;
+    for (size_t k : chain) {
+      in_cycle = in_cycle || dump.threads[k].java_id == dump.threads[chain.back()].held_by;
+      if (in_cycle) names.push_back(thread_words(dump.threads[k]));
+    }
+    s += "; a deadlock of " + android::base::Join(names, ", ");
+  }
+  return s;
+}
+
+// Where the watched thread waits in the kernel, beside which other tasks, and the lock's owner
+// where the kernel names one.
+std::string kernel_blocker(const KernelDump& dump, int tid) {
+  std::string s;
+  for (const KernelGroup& g : kernel_groups(dump)) {
+    bool in = false;
+    for (size_t t : g.tasks) in = in || dump.tasks[t].pid == tid;
+    if (!in || g.tasks.size() < 2) continue;
+    s = StringPrintf("%zu tasks of the dump wait at the same place, first in %s:", g.tasks.size(),
+                     g.where[0].c_str());
+    for (size_t t : g.tasks) {
+      if (dump.tasks[t].pid != tid)
+        s += StringPrintf(" %s (pid %d)", dump.tasks[t].comm.c_str(), dump.tasks[t].pid);
+    }
+  }
+  for (const KernelTask& task : dump.tasks) {
+    if (task.pid != tid || task.owner.empty()) continue;
+    s += std::string(s.empty() ? "" : "; ") +
+         "the kernel names the lock's likely owner: " + task.owner;
+    int owner = atoi(task.owner.c_str() + task.owner.rfind(':') + 1);
+    for (const KernelTask& t : dump.tasks) {  // its stack follows in the same report
+      if (t.pid == owner && t.pid != tid && !t.stack.empty())
+        s += StringPrintf(" (%c), at %s", t.state, stack_line(t, 4).c_str());
+    }
+  }
+  return s;
+}
+
+// The Java and native stacks the incident's signals asked for, and the blocker.
+std::string stacks_text(const Story& story, const Incident& in) {
+  std::string s;
+  if (in.signalled > 0 && in.sigquit && in.java < 0) {
+    s += StringPrintf(
+        "; no Java dump of pid %d in the input (Android 11 writes it to "
+        "/data/anr/trace_NN: adb pull /data/anr)",
+        in.signalled);
+  }
+  if (in.signalled > 0 && in.native < 0)
+    s += StringPrintf("; no tombstone of pid %d in the input", in.signalled);
+  for (int which : {in.java, in.native}) {
+    if (which < 0) continue;
+    const ProcessDump& dump = story.stacks[which];
+    int t = thread_of(dump, in.tid);
+    s += StringPrintf("; %s %s (%s)", dump.java ? "Java dump" : "native dump", dump.when.c_str(),
+                      dump.source.c_str());
+    if (!dump.complete) s += " cut short";
+    s +=
+        t < 0 ? StringPrintf(" without thread %d", in.tid) : ": " + frames_line(dump.threads[t], 8);
+    bool deadlock = false;
+    std::string blocker = dump.java ? java_blocker(dump, t, &deadlock) : "";
+    if (!blocker.empty()) s += "; blocker: " + blocker;
+  }
+  if (in.dump >= 0) {
+    std::string blocker = kernel_blocker(story.dumps[in.dump], in.tid);
+    if (!blocker.empty()) s += "; in the kernel: " + blocker;
+    if (story.dumps[in.dump].cut) s += "; the kernel's dump is cut short";
+  }
+  return s;
 }
 
 constexpr const char kQuiet[] =
@@ -265,17 +381,24 @@ std::string incident_text(const Story& story, const Run& run, const Incident& in
   s += "; evidence " + (evidence.empty() ? std::string("not in the log") : evidence);
   s += action.empty() ? "; no action yet" : "; " + action;
   const KernelTask* task = in.dump >= 0 ? task_of(story.dumps[in.dump], in.tid) : nullptr;
-  s += task != nullptr ? "; kernel stack: " + stack_line(*task, 8) + "."
-                       : ". " + missing_dump(story, in);
-  return s;
+  if (task != nullptr) s += "; kernel stack: " + stack_line(*task, 8);
+  s += stacks_text(story, in);
+  return s +
+         (task != nullptr || in.java >= 0 || in.native >= 0 ? "." : ". " + missing_dump(story, in));
 }
 
 std::string dump_text(const KernelDump& dump) {
   std::string s =
-      "SysRq w " + dump.clock + ": " + (dump.tasks.empty() ? std::string("no blocked task") : "");
+      dump.kind + " " + dump.clock + ": " + (dump.tasks.empty() ? std::string("no task") : "");
   for (const KernelTask& task : dump.tasks) {
     s += StringPrintf("\n    %s (pid %d, %c): %s", task.comm.c_str(), task.pid, task.state,
                       stack_line(task, 8).c_str());
+    if (!task.owner.empty()) s += " (its lock's likely owner: " + task.owner + ")";
+  }
+  for (const KernelGroup& g : kernel_groups(dump)) {
+    if (g.tasks.size() > 1)
+      s += StringPrintf("\n    %zu tasks wait at the same place, first in %s", g.tasks.size(),
+                        g.where[0].c_str());
   }
   return s;
 }
@@ -299,6 +422,16 @@ std::string escape(const std::string& text) {
       default:
         out += c;
     }
+  }
+  return out;
+}
+
+// Escaped text with places to break a line inside long names (Java frames, library paths).
+std::string breakable(const std::string& escaped) {
+  std::string out;
+  for (char c : escaped) {
+    out += c;
+    if (c == '.' || c == '/' || c == '(') out += "<wbr>";
   }
   return out;
 }
@@ -478,6 +611,47 @@ std::string timeline_html(const Story& story, const Run& run, const Record& rec,
   return h + "</svg>" + axis_html(from, to, at) + "</div>\n";
 }
 
+// Beside the incident: the watched thread's Java and native stacks, the blocker's chain, and what
+// is missing of them.
+std::string stacks_html(const Story& story, const Incident& in) {
+  std::string h;
+  for (int which : {in.java, in.native}) {
+    if (which < 0) continue;
+    const ProcessDump& dump = story.stacks[which];
+    int t = thread_of(dump, in.tid);
+    h += "<h5>" + std::string(dump.java ? "Java" : "Native") + " stack" +
+         (t < 0 ? "" : " of " + escape(thread_words(dump.threads[t]))) + " <span class=\"muted\">" +
+         escape(dump.when + " (" + dump.source + ")") + (dump.complete ? "" : ", cut short") +
+         "</span></h5>";
+    if (t < 0) {
+      h += StringPrintf("<p class=\"missing\">The dump has no thread %d.</p>", in.tid);
+      continue;
+    }
+    bool deadlock = false;
+    std::string blocker = dump.java ? java_blocker(dump, t, &deadlock) : "";
+    if (!blocker.empty()) {
+      h += "<p class=\"blocker\"><b>" + std::string(deadlock ? "Deadlock" : "Blocker") + ":</b> " +
+           breakable(escape(blocker)) + "</p>";
+    }
+    h += "<pre class=\"stack\">" +
+         breakable(escape(android::base::Join(dump.threads[t].stack, "\n"))) + "</pre>";
+  }
+  if (in.signalled > 0 && in.sigquit && in.java < 0) {
+    h += StringPrintf(
+        "<p class=\"missing\">No Java dump of pid %d in the input: Android 11 writes it to "
+        "/data/anr/trace_NN, which a bug report does not carry (adb pull /data/anr).</p>",
+        in.signalled);
+  }
+  if (in.signalled > 0 && in.native < 0) {
+    h +=
+        StringPrintf("<p class=\"missing\">No tombstone of pid %d in the input.</p>", in.signalled);
+  }
+  std::string kernel = in.dump >= 0 ? kernel_blocker(story.dumps[in.dump], in.tid) : "";
+  if (!kernel.empty())
+    h += "<p class=\"blocker\"><b>In the kernel:</b> " + breakable(escape(kernel)) + "</p>";
+  return h;
+}
+
 std::string incident_html(const Story& story, const Run& run, const Incident& in) {
   std::string h = StringPrintf(
       "<article class=\"incident\"><div class=\"what\"><h4><span "
@@ -504,10 +678,10 @@ std::string incident_html(const Story& story, const Run& run, const Incident& in
       h += dump_html(dump, task->pid,
                      StringPrintf("%zu other blocked tasks in that dump", dump.tasks.size() - 1));
     }
-  } else {
+  } else if (in.java < 0 && in.native < 0) {
     h += "<p class=\"missing\">" + escape(missing_dump(story, in)) + "</p>";
   }
-  return h + "</div></article>\n";
+  return h + stacks_html(story, in) + "</div></article>\n";
 }
 
 constexpr const char kStyle[] = R"(
@@ -524,7 +698,7 @@ h3 { font-size: 16px; margin: 24px 0 8px; } h4 { font-size: 15px; margin: 0 0 8p
 .steps { list-style: none; padding: 0; margin: 0; } .steps li { padding: 3px 0; border-left: 2px solid var(--line); padding-left: 10px; }
 .steps time { display: inline-block; min-width: 84px; font-variant-numeric: tabular-nums; color: var(--muted); }
 .steps .policy { font-weight: 600; color: #b91c1c; border-left-color: #d62728; } .steps .evidence { border-left-color: #f59e0b; }
-.kernel h5 { margin-top: 0; } .missing { color: #92400e; background: #fff8e1; padding: 8px 10px; border-radius: 4px; margin: 0; }
+.kernel h5 { margin-top: 0; } .blocker { background: #fef2f2; border-left: 4px solid #d62728; padding: 6px 10px; border-radius: 4px; margin: 8px 0; } .missing { color: #92400e; background: #fff8e1; padding: 8px 10px; border-radius: 4px; margin: 0; }
 .stack { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; background: #f8fafc; border: 1px solid var(--line); border-radius: 6px; padding: 6px 10px; overflow-x: auto; }
 .stack ol { margin: 0; padding-left: 22px; } .stack .sched { color: #9ca3af; border-bottom: 1px dashed var(--line); padding-bottom: 3px; margin-bottom: 3px; }
 .stack .unsure { color: #9ca3af; font-style: italic; } .stack .waits { font-weight: 700; color: #111827; }
@@ -554,14 +728,31 @@ svg.band { display: block; width: 100%; height: 12px; }
 
 }  // namespace
 
+// "3 SysRq w dumps, 1 hung task report in the kernel log; 2 Java and 1 native stack dumps".
+std::string evidence_counts(const Story& story) {
+  std::map<std::string, size_t> kinds;
+  for (const KernelDump& dump : story.dumps) ++kinds[dump.kind];
+  size_t java = 0;
+  for (const ProcessDump& dump : story.stacks) java += dump.java;
+  std::string s =
+      StringPrintf("%zu SysRq w dump%s", kinds["SysRq w"], kinds["SysRq w"] == 1 ? "" : "s");
+  if (kinds["hung task"] > 0)
+    s += StringPrintf(", %zu hung-task report%s", kinds["hung task"],
+                      kinds["hung task"] == 1 ? "" : "s");
+  s += " in the kernel log";
+  if (!story.stacks.empty())
+    s += StringPrintf("; %zu Java and %zu native stack dumps", java, story.stacks.size() - java);
+  return s;
+}
+
 std::string summary(const Story& story) {
   const InputStats& in = story.input;
   std::string s = StringPrintf(
       "%llu log lines read (%llu of stall_ward; %llu unreadable, skipped); "
-      "%zu run%s of the daemon; %zu SysRq w dump%s in the kernel log\n",
+      "%zu run%s of the daemon; %s\n",
       static_cast<unsigned long long>(in.lines), static_cast<unsigned long long>(in.daemon),
       static_cast<unsigned long long>(in.unreadable), story.runs.size(),
-      story.runs.size() == 1 ? "" : "s", story.dumps.size(), story.dumps.size() == 1 ? "" : "s");
+      story.runs.size() == 1 ? "" : "s", evidence_counts(story).c_str());
   for (const std::string& error : in.errors) s += "cannot read " + error + "\n";
   return s;
 }
@@ -690,6 +881,65 @@ std::string html_report(const Story& story) {
   return h + "</body></html>\n";
 }
 
+namespace {
+
+// An incident's Java and native stacks of the watched thread, and its blocker.
+void add_stacks_json(const Story& story, const Incident& in, nlohmann::json* j) {
+  (*j)["java_dump"] = in.java;
+  (*j)["native_dump"] = in.native;
+  (*j)["signalled_pid"] = in.signalled;
+  nlohmann::json blocker = {{"deadlock", false}, {"java", ""}, {"kernel", ""}};
+  for (int which : {in.java, in.native}) {
+    if (which < 0) continue;
+    const ProcessDump& dump = story.stacks[which];
+    int t = thread_of(dump, in.tid);
+    nlohmann::json stack = {{"when", dump.when},
+                            {"source", dump.source},
+                            {"complete", dump.complete},
+                            {"found", t >= 0},
+                            {"thread", t >= 0 ? dump.threads[t].name : ""},
+                            {"state", t >= 0 ? dump.threads[t].state : ""},
+                            {"stack", t >= 0 ? dump.threads[t].stack : std::vector<std::string>()}};
+    (*j)[dump.java ? "java_stack" : "native_stack"] = stack;
+    if (!dump.java || t < 0) continue;
+    bool deadlock = false;
+    blocker["java"] = java_blocker(dump, t, &deadlock);
+    blocker["deadlock"] = deadlock;
+    nlohmann::json chain = nlohmann::json::array();
+    if (!dump.threads[t].waits_for.empty()) {
+      for (size_t k : monitor_chain(dump, t, &deadlock)) {
+        const StackThread& th = dump.threads[k];
+        chain.push_back({{"name", th.name},
+                         {"tid", th.tid},
+                         {"state", th.state},
+                         {"waits_for", th.waits_for},
+                         {"held_by", th.held_by}});
+      }
+    }
+    blocker["chain"] = chain;
+  }
+  if (in.dump >= 0) blocker["kernel"] = kernel_blocker(story.dumps[in.dump], in.tid);
+  (*j)["blocker"] = blocker;
+}
+
+void add_kernel_json(const KernelDump& dump, nlohmann::json* j) {
+  (*j)["kind"] = dump.kind;
+  (*j)["last_boot"] = dump.last_boot;
+  (*j)["cut"] = dump.cut;
+  for (size_t t = 0; t < dump.tasks.size(); ++t) {
+    if (!dump.tasks[t].owner.empty()) (*j)["tasks"][t]["owner"] = dump.tasks[t].owner;
+  }
+  nlohmann::json groups = nlohmann::json::array();
+  for (const KernelGroup& g : kernel_groups(dump)) {
+    nlohmann::json pids = nlohmann::json::array();
+    for (size_t t : g.tasks) pids.push_back(dump.tasks[t].pid);
+    groups.push_back({{"where", g.where}, {"pids", pids}});
+  }
+  (*j)["groups"] = groups;
+}
+
+}  // namespace
+
 std::string json_report(const Story& story) {
   using nlohmann::json;
   const InputStats& input = story.input;
@@ -746,6 +996,7 @@ std::string json_report(const Story& story) {
               {"debug_lines", run.lines},
               {"sweeps_proc", run.sweeps_proc},
               {"sweeps_shell", run.sweeps_shell},
+              {"last_boot", run.last_boot},
               {"records", json::object()},
               {"incidents", json::array()},
               {"events", json::array()}};
@@ -783,6 +1034,7 @@ std::string json_report(const Story& story) {
                                 {"since", time(-1, in.since)},
                                 {"actions", actions},
                                 {"kernel_dump", in.dump >= 0 ? json(in.dump) : json(nullptr)}});
+      add_stacks_json(story, in, &r["incidents"].back());
     }
     for (const Mark& m : run.events) {
       r["events"].push_back({{"time", time(m.ms, m.clock)},
@@ -808,8 +1060,9 @@ std::string json_report(const Story& story) {
     }
     j["kernel_dumps"].push_back(
         {{"time", time(dump.ms, dump.clock)}, {"answers", dump.answers}, {"tasks", tasks}});
+    add_kernel_json(dump, &j["kernel_dumps"].back());
   }
-  return j.dump(1) + "\n";
+  return j.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace report

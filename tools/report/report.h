@@ -1,7 +1,8 @@
 // stall_ward_report: from logs to the story of each hang. The input side turns files (logcat in
-// threadtime form, a kernel log, a bug report or its zip) into classified lines; the story side
-// replays the daemon's lines and collects the kernel's blocked-task dumps; the output side writes
-// the text account, the HTML page and the JSON.
+// threadtime form, a kernel log, pstore's record, Java stack dumps, tombstones, a bug report or
+// its zip) into classified lines; one reader per kind of evidence (kernel.cpp, java.cpp,
+// native.cpp) turns lines into dumps; the story side replays the daemon's lines and joins the
+// dumps to it; the output side writes the text account, the HTML page and the JSON.
 #pragma once
 
 #include <stdint.h>
@@ -16,8 +17,13 @@ namespace report {
 // One line of input, classified.
 struct Line {
   enum Kind { kOther, kLogcat, kKernel } kind = kOther;
-  std::string clock;     // logcat: "MM-DD hh:mm:ss.mmm" as printed; kernel: "[uptime]"
-  int64_t ms = -1;       // logcat: milliseconds since the start of the year, -1 if unknown
+  // Where the line was read: the current boot's logs, the previous boot's (a bug report's LAST
+  // LOGCAT and LAST KMSG, pstore's console-ramoops-0 and dmesg-ramoops-0), or a Java or native
+  // stack dump (then not parsed: `text` holds the line as it is).
+  enum From { kLog, kLastBoot, kStackDump } from = kLog;
+  int section = 0;    // counts the inputs and a bug report's sections, to tell a repeated section
+  std::string clock;  // logcat: "MM-DD hh:mm:ss.mmm" as printed; kernel: "[uptime]"
+  int64_t ms = -1;    // logcat: milliseconds since the start of the year, -1 if unknown
   int pid = 0, tid = 0;  // logcat
   std::string tag;       // logcat
   std::string text;      // logcat: the message; kernel: the text after the time stamp
@@ -26,7 +32,8 @@ struct Line {
 };
 
 // Parses one line in logcat's threadtime form (with or without a uid column or a year) or a kernel
-// log line ("[  12.345678] text", with an optional "<6>" priority). False for anything else.
+// log line ("[  12.345678] text", with an optional "<6>" priority, a vendor's suffix to the time
+// stamp, a caller field, or dmesg -T's wall clock). False for anything else.
 bool parse_line(const std::string& raw, Line* line);
 // The milliseconds Line::ms holds for a logcat clock ("MM-DD hh:mm:ss.mmm"), -1 for another.
 int64_t clock_ms(const std::string& clock);
@@ -42,8 +49,10 @@ struct InputStats {
   std::string zone, year_from;
 };
 
-// Streams every input ("-" is stdin) line by line to `sink`. A zip is read as a bug report (its
-// main entry); in a bug report only the system and kernel log sections are read.
+// Streams every input ("-" is stdin, a folder: each file in it) line by line to `sink`. A zip is
+// read as a bug report: its main entry, then its ANR files and tombstones; in a bug report only
+// the log sections (this boot's and the last one's) and the VM TRACES sections are read. A file
+// that begins as a Java stack dump or a tombstone is read as one.
 void read_inputs(const std::vector<std::string>& paths, InputStats* stats,
                  const std::function<void(const Line&)>& sink);
 
@@ -54,13 +63,88 @@ struct KernelTask {
   int pid = 0, ppid = -1;
   std::vector<std::string> stack;  // innermost frame first, offsets dropped
   std::vector<bool> unsure;        // per frame: printed with "?", a guess of the unwinder
+  std::string owner;  // the kernel's "likely owned by task NAME:PID" for the lock it waits on
 };
 struct KernelDump {
   std::string clock;  // as the log printed it
-  int64_t ms = -1;    // when the kernel lines came through logcat; -1: dmesg's time since boot
+  int64_t ms = -1;    // with a wall clock (logcat, dmesg -T); -1: the time since boot only
+  // "SysRq w", "hung task" (the kernel's own report), "SysRq l", or "tasks, start lost" (task lines
+  // whose dump began before the oldest line of the log)
+  std::string kind = "SysRq w";
+  bool last_boot = false;
+  int section = 0;   // Line::section of its start
+  bool cut = false;  // its last task has no stack: the log ends or breaks inside it
   std::vector<KernelTask> tasks;
   std::string answers;  // what the daemon did that asked for it, once attached
 };
+
+// Reads kernel lines into the dumps they hold: SysRq w, the hung-task reports, SysRq l. Lines of
+// other kinds inside a dump (registers, statistics, other programs' lines) are passed over; a dump
+// ends at the next one, or after 10 s of the kernel's clock or 400 lines without a task or frame.
+struct KernelReader {
+  std::vector<KernelDump> dumps;
+  void add(const Line& line);
+  int open = -1, task = -1;  // indexes of the dump being read and of its last task
+  double last_s = -1;        // the kernel clock of the dump's last task or frame
+  int idle = 0;              // lines since then
+};
+std::vector<KernelDump> read_kernel_dumps(const std::vector<Line>& lines);
+
+// Tasks of one dump that wait at the same place: the same innermost frames below the scheduler's.
+struct KernelGroup {
+  std::vector<std::string> where;  // up to three frames, innermost first
+  std::vector<size_t> tasks;       // indexes into KernelDump::tasks
+};
+std::vector<KernelGroup> kernel_groups(const KernelDump& dump);
+bool scheduler_frame(const std::string& function);
+
+// A thread of a Java stack dump (the runtime's answer to SIGQUIT) or of a native dump (a
+// tombstone, the crash handler's answer to signal 35; or a native process's backtrace in a VM
+// TRACES section).
+struct StackThread {
+  std::string name, state;  // state: the runtime's ("Blocked", "Native"...), empty for native
+  int tid = 0;              // the kernel's thread id (sysTid)
+  int java_id = 0;          // the runtime's thread number ("tid=" of a Java thread)
+  std::vector<std::string> stack;  // innermost first: "at pkg.Class.m(File.java:1)", "libc.so
+                                   // (__futex_wait+28)", "- locked <0x1> (a T)"
+  std::string waits_for;           // the monitor it is waiting to lock, "<0x...> (a T)"
+  int held_by = 0;                 // the runtime's number of the thread holding it, 0: not given
+};
+struct ProcessDump {
+  bool java = true;  // false: a tombstone or a native backtrace
+  int pid = 0;
+  std::string when;  // its time as it printed it (local time)
+  int64_t ms = -1;   // the same counted as a logcat clock is, -1 unknown
+  std::string cmd, source;
+  int signal = 0;         // a tombstone's signal
+  bool complete = false;  // its end was read
+  std::vector<StackThread> threads;
+};
+
+// "2026-11-22 08:08:40" (as dumps print their local time) counted as parse_line counts a logcat
+// clock; -1 if it is not such a time.
+int64_t iso_ms(const std::string& text);
+
+// Java stack dumps ("----- pid N at ... -----" ... "----- end N -----") and native backtraces in
+// the same frame, as in /data/anr files and a bug report's VM TRACES sections.
+struct JavaReader {
+  std::vector<ProcessDump> dumps;
+  void add(const std::string& line);
+  bool open = false;
+};
+std::vector<ProcessDump> read_java_dumps(const std::vector<std::string>& lines);
+
+// Tombstones: "*** *** ***" then one block per thread from "pid: N, tid: M, name: X  >>> Y <<<".
+struct NativeReader {
+  std::vector<ProcessDump> dumps;
+  void add(const std::string& line);
+  bool open = false, frames = false;
+};
+std::vector<ProcessDump> read_native_dumps(const std::vector<std::string>& lines);
+
+// From `thread` on through "waiting to lock ... held by thread N": the threads in turn (indexes
+// into dump.threads), `thread` first. A chain that comes back to one of its threads is a deadlock.
+std::vector<size_t> monitor_chain(const ProcessDump& dump, size_t thread, bool* deadlock);
 
 // A point of a record's timeline: one sweep's sample.
 struct Point {
@@ -91,6 +175,9 @@ struct Incident {
   int64_t evidence_ms = -1;
   int dump = -1;  // index into Story::dumps of the kernel dump taken as evidence
   std::vector<Action> actions;
+  int signalled = -1;  // the process the daemon sent SIGQUIT or signal 35 to
+  bool sigquit = false;
+  int java = -1, native = -1;  // indexes into Story::stacks of the dumps that answered
 };
 
 // The daemon's reconstruction of one watched name (a thread name, or a process watched by its
@@ -110,7 +197,8 @@ struct Record {
 
 struct Run {
   int pid = 0;
-  std::string started;  // clock of the "started" line, empty if it was not in the log
+  bool last_boot = false;  // read from the previous boot's log
+  std::string started;     // clock of the "started" line, empty if it was not in the log
   std::map<std::string, std::string> settings;  // property name to value, as logged
   std::vector<std::string> watches;  // "system_server: watchdog", "surfaceflinger: main thread"
   int64_t timeout_s = 0, interval_ms = 0;  // from the logged timeout, else the defaults
@@ -124,6 +212,7 @@ struct Run {
 struct Story {
   std::vector<Run> runs;
   std::vector<KernelDump> dumps;
+  std::vector<ProcessDump> stacks;  // Java and native dumps
   InputStats input;
 };
 

@@ -1,14 +1,17 @@
 // Replays the daemon's log: each sweep's samples give a record's state and, counted by the daemon's
 // own rule (the same state and processor time grows the stall by one interval; another state,
 // more processor time, another run count or a state that is not watched starts it again), its
-// stall; "dumped" lines are the evidence and the policy lines the action. The kernel's blocked-task
-// dumps are collected on the way and attached at the end to what asked for them.
+// stall; "dumped" lines are the evidence and the policy lines the action. The kernel's dumps and
+// the Java and native stack dumps are read on the way by their own readers and attached at the end
+// to what asked for them (by process id and time). Runs, incidents and dumps are held by index.
 #include <android-base/strings.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+#include <map>
+#include <unordered_map>
 
 #include "report.h"
 #include "stall_ward.h"
@@ -45,14 +48,27 @@ struct Context {
 struct Builder {
   Story story;
   std::vector<Context> contexts;  // one a run
-  Run* run = nullptr;
-  Context* ctx = nullptr;
-  KernelDump* dump = nullptr;  // open while a SysRq w answer is being read
-  KernelTask* task = nullptr;
+  int current = -1;               // the run (and its context) of the last daemon line, by index
+  KernelReader kernel;
+  JavaReader java;
+  NativeReader native;
+  int stack_section = -1;
+  // A bug report may hold its system log twice: a daemon line that a section before this one
+  // held (the same boot, clock, ids and message) is one read already. By the line's hash, the
+  // section that first held it.
+  std::unordered_map<uint64_t, int> read;
   // What asked the kernel for a dump, in order: (run, incident), or (run, -1 - event) for the
   // self-watchdog.
   std::vector<std::pair<int, int>> asked;
 };
+
+Run* run_of(Builder* b) {
+  return &b->story.runs[b->current];
+}
+
+Context* ctx_of(Builder* b) {
+  return &b->contexts[b->current];
+}
 
 Mark mark(const Line& line, const char* kind, const std::string& text) {
   return Mark{line.ms, line.clock, kind, text, -1};
@@ -67,20 +83,16 @@ void set_timeout(Run* run, int64_t timeout_s) {
 void start_run(Builder* b, const Line& line, bool started) {
   b->story.runs.emplace_back();
   b->contexts.emplace_back();
-  b->run = &b->story.runs.back();
-  b->ctx = &b->contexts.back();
-  b->run->pid = line.pid;
-  if (line.ms >= 0) b->run->first_ms = b->run->last_ms = line.ms;
-  if (started) b->run->started = line.clock;
-  set_timeout(b->run, kDefaultTimeout);
-}
-
-int run_index(const Builder* b) {
-  return static_cast<int>(b->run - b->story.runs.data());
+  b->current = static_cast<int>(b->story.runs.size() - 1);
+  run_of(b)->pid = line.pid;
+  run_of(b)->last_boot = line.from == Line::kLastBoot;
+  if (line.ms >= 0) run_of(b)->first_ms = run_of(b)->last_ms = line.ms;
+  if (started) run_of(b)->started = line.clock;
+  set_timeout(run_of(b), kDefaultTimeout);
 }
 
 Record& record(Builder* b, const std::string& name) {
-  Record& rec = b->run->records[name];
+  Record& rec = run_of(b)->records[name];
   rec.name = name;
   return rec;
 }
@@ -106,7 +118,7 @@ void set_since(Record* rec, const Line& line) {
 
 // The daemon's own count, settled once the lines after the sample are in.
 void close_sample(Builder* b) {
-  Sample& s = b->ctx->sample;
+  Sample& s = ctx_of(b)->sample;
   if (!s.open) return;
   s.open = false;
   if (!s.looked_up) return;
@@ -121,8 +133,8 @@ void close_sample(Builder* b) {
     rec.switches = 0;
     set_since(&rec, s.line);
   }
-  if (b->ctx->pid > 0) rec.pid = b->ctx->pid;
-  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
+  if (ctx_of(b)->pid > 0) rec.pid = ctx_of(b)->pid;
+  if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
   if (rec.cpu != s.cpu) rec.state = '?';
   rec.cpu = s.cpu;
   if (rec.state != s.state) {
@@ -130,7 +142,7 @@ void close_sample(Builder* b) {
     rec.state = s.state;
     set_since(&rec, s.line);
   } else {
-    rec.stall_ms += b->run->interval_ms;
+    rec.stall_ms += run_of(b)->interval_ms;
   }
   if (s.watched && s.switches != 0 && s.switches != rec.switches) {
     rec.switches = s.switches;
@@ -148,18 +160,18 @@ void close_sample(Builder* b) {
 void absent_thread(Builder* b, const Line& line, const std::string& name, bool shell) {
   close_sample(b);
   Record& rec = record(b, name);
-  if (shell && rec.pid != b->ctx->pid) {
+  if (shell && rec.pid != ctx_of(b)->pid) {
     rec.stall_ms = 0;
     rec.state = '?';
   }
   if (rec.stall_ms == 0) set_since(&rec, line);
   if (rec.points.empty() || rec.points.back().state != '-') {
     rec.marks.push_back(
-        mark(line, "not-started", "thread not found in pid " + std::to_string(b->ctx->pid)));
+        mark(line, "not-started", "thread not found in pid " + std::to_string(ctx_of(b)->pid)));
   }
-  rec.pid = b->ctx->pid;
-  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
-  rec.stall_ms += b->run->interval_ms;
+  rec.pid = ctx_of(b)->pid;
+  if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
+  rec.stall_ms += run_of(b)->interval_ms;
   add_point(&rec, line, '-');
 }
 
@@ -176,9 +188,9 @@ int64_t alarm_ms(const Run& run) {
 // bound to `pid` (or whose zombie has `pid` as parent) in `state` when given, the longest stalled.
 Record* judged(Builder* b, int pid, char state, bool policy) {
   Record* best = nullptr;
-  for (auto& entry : b->run->records) {
+  for (auto& entry : run_of(b)->records) {
     Record& rec = entry.second;
-    if (rec.stall_ms < alarm_ms(*b->run)) continue;
+    if (rec.stall_ms < alarm_ms(*run_of(b))) continue;
     bool target = pid < 0 || rec.pid == pid || (policy && seen(rec) == 'Z' && rec.ppid == pid);
     if (!target || (state != 0 && seen(rec) != state) || (policy && !rec.reported)) continue;
     if (best == nullptr || rec.stall_ms > best->stall_ms) best = &rec;
@@ -200,17 +212,17 @@ Incident& open_incident(Builder* b, Record* rec) {
     in.tid = rec->tid;
     in.state = seen(*rec);
     in.since = rec->since_clock;
-    rec->incident = static_cast<int>(b->run->incidents.size());
-    b->run->incidents.push_back(in);
+    rec->incident = static_cast<int>(run_of(b)->incidents.size());
+    run_of(b)->incidents.push_back(in);
   }
-  return b->run->incidents[rec->incident];
+  return run_of(b)->incidents[rec->incident];
 }
 
 void evidence(Builder* b, const Line& line, int pid, char state) {
   close_sample(b);
   Record* rec = judged(b, pid, state, false);
   if (rec == nullptr) {
-    b->run->events.push_back(
+    run_of(b)->events.push_back(
         mark(line, "evidence",
              "evidence for pid " + std::to_string(pid) + " of a record not seen in the log"));
     return;
@@ -233,6 +245,8 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
     if (was == 'S') act(&in, line, "sigquit", rec->pid, name);
     act(&in, line, "signal-35", rec->pid, name);
   }
+  if (was != 'D') in.signalled = was == 'Z' ? rec->ppid : rec->pid;
+  in.sigquit = was == 'S';
   in.evidence = what;
   in.evidence_clock = line.clock;
   in.evidence_ms = line.ms;
@@ -241,7 +255,7 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
   add_point(rec, line, was);
   rec->marks.push_back(mark(line, "evidence", what));
   if (was == 'D' || was == 'Z') {
-    b->asked.emplace_back(run_index(b), rec->incident);
+    b->asked.emplace_back(b->current, rec->incident);
   }
 }
 
@@ -249,7 +263,7 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   close_sample(b);
   Record* rec = judged(b, pid, 0, true);
   if (rec == nullptr) {
-    b->run->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
+    run_of(b)->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
     return;
   }
   Incident& in = open_incident(b, rec);
@@ -268,7 +282,7 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   add_point(rec, line, seen(*rec));
   rec->marks.push_back(mark(line, "policy", what));
   if (what == "kernel panic") {
-    b->asked.emplace_back(run_index(b), rec->incident);
+    b->asked.emplace_back(b->current, rec->incident);
   }
 }
 
@@ -276,24 +290,24 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
 // every count that reached the timeout.
 void start_sweep(Builder* b, bool way_known, bool proc_walk) {
   close_sample(b);
-  for (auto& entry : b->run->records) {
-    if (entry.second.stall_ms >= alarm_ms(*b->run)) entry.second.stall_ms = 0;
+  for (auto& entry : run_of(b)->records) {
+    if (entry.second.stall_ms >= alarm_ms(*run_of(b))) entry.second.stall_ms = 0;
   }
-  b->ctx->sweep_way_known = way_known;
-  if (way_known) ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
-  b->ctx->pid = -1;
-  b->ctx->process.clear();
+  ctx_of(b)->sweep_way_known = way_known;
+  if (way_known) ++(proc_walk ? run_of(b)->sweeps_proc : run_of(b)->sweeps_shell);
+  ctx_of(b)->pid = -1;
+  ctx_of(b)->process.clear();
 }
 
 void set_way(Builder* b, bool proc_walk) {
-  if (b->ctx->sweep_way_known) return;
-  b->ctx->sweep_way_known = true;
-  ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
+  if (ctx_of(b)->sweep_way_known) return;
+  ctx_of(b)->sweep_way_known = true;
+  ++(proc_walk ? run_of(b)->sweeps_proc : run_of(b)->sweeps_shell);
 }
 
 void setting(Builder* b, const std::string& key, const std::string& value) {
-  b->run->settings[key] = value;
-  if (key == kPropTimeout) set_timeout(b->run, atoll(value.c_str()));
+  run_of(b)->settings[key] = value;
+  if (key == kPropTimeout) set_timeout(run_of(b), atoll(value.c_str()));
 }
 
 void daemon_line(Builder* b, const Line& line) {
@@ -302,17 +316,20 @@ void daemon_line(Builder* b, const Line& line) {
     start_run(b, line, true);
     return;
   }
-  if (b->run == nullptr || b->run->pid != line.pid) {
+  bool last_boot = line.from == Line::kLastBoot;
+  if (b->current < 0 || run_of(b)->pid != line.pid || run_of(b)->last_boot != last_boot) {
     size_t i = b->story.runs.size();
-    while (i > 0 && b->story.runs[i - 1].pid != line.pid) --i;
+    while (i > 0 &&
+           (b->story.runs[i - 1].pid != line.pid || b->story.runs[i - 1].last_boot != last_boot)) {
+      --i;
+    }
     if (i == 0) {
       start_run(b, line, false);  // its start is not in the log
     } else {
-      b->run = &b->story.runs[i - 1];
-      b->ctx = &b->contexts[i - 1];
+      b->current = static_cast<int>(i - 1);
     }
   }
-  Run& run = *b->run;
+  Run& run = *run_of(b);
   ++run.lines;
   if (line.ms >= 0) {
     if (run.first_ms < 0) run.first_ms = line.ms;
@@ -322,50 +339,50 @@ void daemon_line(Builder* b, const Line& line) {
   unsigned u1 = 0, u2 = 0, u3 = 0, u4 = 0;
   unsigned long long count = 0;
   char state = 0, text[256] = {}, more[256] = {};
-  auto listing = b->ctx->listing;
-  b->ctx->listing = Context::kNone;
+  auto listing = ctx_of(b)->listing;
+  ctx_of(b)->listing = Context::kNone;
   if (StartsWith(m, "get ")) {
     size_t eq = m.find(" =");
     if (eq != std::string::npos) setting(b, m.substr(4, eq - 4), m.substr(eq + 2));
   } else if (sscanf(m.c_str(), "monitor %255s threads%c", text, &state) == 2 && state == ':') {
     run.watches.push_back(std::string(text) + ":");
-    b->ctx->listing = Context::kThreads;
+    ctx_of(b)->listing = Context::kThreads;
   } else if (sscanf(m.c_str(), "monitor %255s main%c", text, &state) == 1) {
     run.watches.push_back(std::string(text) + ": main thread");
   } else if (m == "mTids:") {
-    b->ctx->listing = Context::kRecords;
+    ctx_of(b)->listing = Context::kRecords;
   } else if (listing != Context::kNone) {
     if (listing == Context::kThreads && !run.watches.empty()) {
       run.watches.back() += (run.watches.back().back() == ':' ? " " : ", ") + m;
     } else if (listing == Context::kRecords) {
       record(b, m);  // known before any sample, so that a process never started shows
     }
-    b->ctx->listing = listing;
+    ctx_of(b)->listing = listing;
   } else if (m == "[sh] cmd=ps -e |grep stall_ward") {
     start_sweep(b, false, false);
   } else if (m == "go through proc") {
-    if (b->ctx->sweep_way_known) start_sweep(b, true, true);
+    if (ctx_of(b)->sweep_way_known) start_sweep(b, true, true);
     set_way(b, true);
   } else if (StartsWith(m, "[sh] cmd=ps -e|grep ")) {
     close_sample(b);
     set_way(b, false);
-    b->ctx->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
-    b->ctx->pid = -1;
+    ctx_of(b)->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
+    ctx_of(b)->pid = -1;
   } else if (sscanf(m.c_str(), "[sh] cmd=ps -T -p %d", &a) == 1 ||
              sscanf(m.c_str(), "reading /proc/%d/task/%d", &a, &c) == 2) {
     close_sample(b);
-    b->ctx->pid = a;
+    ctx_of(b)->pid = a;
   } else if (sscanf(m.c_str(), "find monitored proc %d:%255s", &a, text) == 2) {
     close_sample(b);
-    b->ctx->pid = a;
-    b->ctx->process = text;
+    ctx_of(b)->pid = a;
+    ctx_of(b)->process = text;
   } else if (sscanf(m.c_str(),
                     "match=%d, tid=%u, comm=%255[^,], state=%c, ppid=%u, utime=%u, stime=%u", &a,
                     &u1, text, &state, &u2, &u3, &u4) == 7) {
     close_sample(b);
     if (a != 6) return;
-    b->ctx->sample = Sample();
-    Sample& s = b->ctx->sample;
+    ctx_of(b)->sample = Sample();
+    Sample& s = ctx_of(b)->sample;
     s.open = true;
     s.comm = text;
     s.tid = static_cast<int>(u1);
@@ -374,19 +391,20 @@ void daemon_line(Builder* b, const Line& line) {
     s.cpu = static_cast<uint64_t>(u3) + u4;
     s.line = line;
   } else if (StartsWith(m, "find record for ")) {
-    if (b->ctx->sample.open && m.substr(16) == b->ctx->sample.comm) b->ctx->sample.looked_up = true;
+    if (ctx_of(b)->sample.open && m.substr(16) == ctx_of(b)->sample.comm)
+      ctx_of(b)->sample.looked_up = true;
   } else if (sscanf(m.c_str(), "change tid=%u comm=%255s cmd=%255[^\n]", &u1, text, more) >= 2) {
-    b->ctx->sample.rebound = true;
-    b->ctx->sample.cmd = more;
+    ctx_of(b)->sample.rebound = true;
+    ctx_of(b)->sample.cmd = more;
   } else if (sscanf(m.c_str(), "switches:%llu", &count) == 1) {
-    b->ctx->sample.watched = true;
-    b->ctx->sample.switches = count;
+    ctx_of(b)->sample.watched = true;
+    ctx_of(b)->sample.switches = count;
     close_sample(b);
   } else if (StartsWith(m, "Not monitor state=")) {
-    b->ctx->sample.watched = false;
+    ctx_of(b)->sample.watched = false;
     close_sample(b);
   } else if (StartsWith(m, "read schedstat failed")) {
-    b->ctx->sample.watched = true;
+    ctx_of(b)->sample.watched = true;
     close_sample(b);
   } else if (sscanf(m.c_str(), "thread %255s not star%c", text, &state) == 2 ||
              sscanf(m.c_str(), "[sh] thread %255s not foun%c", text, &state) == 2) {
@@ -422,7 +440,7 @@ void daemon_line(Builder* b, const Line& line) {
     run.events.push_back(mark(line, "alarm",
                               "the daemon's own loop did not come back within the "
                               "timeout: SysRq w, l"));
-    b->asked.emplace_back(run_index(b), -1 - static_cast<int>(run.events.size() - 1));
+    b->asked.emplace_back(b->current, -1 - static_cast<int>(run.events.size() - 1));
   } else if (sscanf(m.c_str(), "long time cost: %d", &a) == 1) {
     run.events.push_back(mark(line, "slow", "a sweep took " + std::to_string(a) + " ms"));
   } else if (m == "open sysrq failed!" || m == "init failed because of open proc" ||
@@ -431,111 +449,45 @@ void daemon_line(Builder* b, const Line& line) {
   }
 }
 
-// "watchdog        D    0  1301   1234 0x00000008" (4.14 to 5.4) or
-// "task:watchdog        state:D stack:0     pid:1301  ppid:1234   flags:0x00000008" (5.10 on,
-// with "tgid:" before "ppid:" in 6.x).
-bool parse_task(const std::string& t, KernelTask* task) {
-  if (StartsWith(t, "task:")) {
-    size_t state = t.find(" state:");
-    size_t pid = t.find(" pid:");
-    if (state == std::string::npos || pid == std::string::npos || state + 7 >= t.size())
-      return false;
-    task->comm = android::base::Trim(t.substr(5, state - 5));
-    task->state = t[state + 7];
-    task->pid = atoi(t.c_str() + pid + 5);
-    size_t ppid = t.find(" ppid:");
-    task->ppid = ppid == std::string::npos ? -1 : atoi(t.c_str() + ppid + 6);
-    return task->pid > 0;
-  }
-  std::vector<std::string> f = android::base::Split(t, " ");
-  f.erase(std::remove(f.begin(), f.end(), ""), f.end());
-  size_t n = f.size();
-  if (n < 6 || !StartsWith(f[n - 1], "0x") || f[n - 5].size() != 1) return false;
-  for (size_t i = n - 4; i < n - 1; ++i) {
-    if (f[i].find_first_not_of("0123456789") != std::string::npos) return false;
-  }
-  size_t state_at = t.rfind(" " + f[n - 5] + " ", t.find(" " + f[n - 4]));
-  task->comm = android::base::Trim(t.substr(0, state_at));
-  task->state = f[n - 5][0];
-  task->pid = atoi(f[n - 3].c_str());
-  task->ppid = atoi(f[n - 2].c_str());
-  return !task->comm.empty();
+// A daemon line that an earlier section held.
+bool repeated(Builder* b, const Line& line) {
+  uint64_t key = std::hash<std::string>()(line.clock + " " + std::to_string(line.pid) + " " +
+                                          std::to_string(line.tid) + " " + line.text) *
+                     2 +
+                 (line.from == Line::kLastBoot);
+  auto [it, added] = b->read.emplace(key, line.section);
+  return !added && it->second != line.section;
 }
 
-// " __switch_to+0x98/0xd8", " ? schedule+0x40/0xd0 [module]": the function's name, and whether
-// the kernel marked it unreliable ("?").
-bool parse_frame(const std::string& text, std::string* function, bool* unsure) {
-  std::string t = text;
-  *unsure = StartsWith(t, "? ");
-  if (*unsure) t = t.substr(2);
-  size_t plus = t.find("+0x");
-  if (plus == std::string::npos || plus == 0 || t.find('/', plus) == std::string::npos)
-    return false;
-  std::string name = t.substr(0, plus);
-  if (name.find_first_of(" :[") != std::string::npos) return false;
-  *function = name;
-  return true;
-}
-
-enum KernelKind { kNotDump, kDumpStart, kDumpNoise, kTask, kFrame };
-
-KernelKind classify(const std::string& text, KernelTask* task, std::string* function,
-                    bool* unsure) {
-  std::string t = android::base::Trim(text);
-  if (t.find("Show Blocked State") != std::string::npos) return kDumpStart;
-  if (t.empty() || StartsWith(t, "task ") || StartsWith(t, "Call trace") ||
-      StartsWith(t, "Call Trace") || t == "<TASK>" || t == "</TASK>") {
-    return kDumpNoise;
+void stack_line(Builder* b, const Line& line) {
+  if (line.section != b->stack_section) {  // a dump never goes on into another file or section
+    b->stack_section = line.section;
+    b->java.open = b->native.open = false;
   }
-  if (parse_task(t, task)) return kTask;
-  if (parse_frame(t, function, unsure)) return kFrame;
-  return kNotDump;
-}
-
-// One kernel line; `texts` are the ways to read it, the first that belongs to a dump counts (a
-// kernel line that came through logcat has had its first word taken for a tag).
-void kernel_text(Builder* b, const Line& line, const std::vector<std::string>& texts) {
-  KernelTask task;
-  std::string function;
-  bool unsure = false;
-  KernelKind kind = kNotDump;
-  for (const std::string& text : texts) {
-    if ((kind = classify(text, &task, &function, &unsure)) != kNotDump) break;
-  }
-  if (kind == kDumpStart) {
-    b->story.dumps.emplace_back();
-    b->dump = &b->story.dumps.back();
-    b->dump->clock = line.clock;
-    b->dump->ms = line.ms;
-    b->task = nullptr;
-  } else if (b->dump == nullptr || kind == kDumpNoise) {
-    return;
-  } else if (kind == kTask) {
-    b->dump->tasks.push_back(task);
-    b->task = &b->dump->tasks.back();
-  } else if (kind == kFrame && b->task != nullptr) {
-    b->task->stack.push_back(function);
-    b->task->unsure.push_back(unsure);
-  } else {
-    b->dump = nullptr;  // the dump has ended
-    b->task = nullptr;
-  }
+  size_t java = b->java.dumps.size(), native = b->native.dumps.size();
+  b->java.add(line.text);
+  b->native.add(line.text);
+  if (b->java.dumps.size() > java) b->java.dumps.back().source = line.tag;
+  if (b->native.dumps.size() > native) b->native.dumps.back().source = line.tag;
 }
 
 void add_line(Builder* b, const Line& line) {
-  if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
+  if (line.from == Line::kStackDump) {
+    stack_line(b, line);
+  } else if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
+    if (repeated(b, line)) return;
     ++b->story.input.daemon;
     daemon_line(b, line);
-  } else if (line.kind == Line::kKernel) {
-    kernel_text(b, line, {line.text});
-  } else if (line.kind == Line::kLogcat) {
-    kernel_text(b, line, {line.tag + ": " + line.text, line.tag + " " + line.text, line.text});
+  } else if (line.kind == Line::kKernel || line.kind == Line::kLogcat) {
+    b->kernel.add(line);
   }
 }
 
-// Each dump goes to what asked for it: with a wall clock (logcat) to the latest request at most
-// 10 s before it; with the time since boot only (dmesg), in order, counted from the last, since
-// a kernel log loses its oldest lines first.
+// Each SysRq w dump goes to what asked for it: with a wall clock (logcat) to the latest request at
+// most 10 s before it; with the time since boot only (dmesg), in order, counted from the last of
+// the same boot, since a kernel log loses its oldest lines first. The SysRq l dump after it goes
+// with it. An incident whose thread no SysRq w dump lists takes the kernel's own hung-task report
+// of it (or a dump whose start the log lost), the last one of its boot.
 void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
@@ -554,25 +506,80 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
       run.events[-1 - which].dump = static_cast<int>(dump);
     }
   };
-  std::vector<size_t> by_uptime;
-  for (size_t d = 0; d < story->dumps.size(); ++d) {
-    if (story->dumps[d].ms < 0) {
-      by_uptime.push_back(d);
-      continue;
+  for (bool last_boot : {false, true}) {
+    std::vector<size_t> by_uptime;
+    for (size_t d = 0; d < story->dumps.size(); ++d) {
+      const KernelDump& dump = story->dumps[d];
+      if (dump.kind != "SysRq w" || dump.last_boot != last_boot) continue;
+      if (dump.ms < 0) {
+        by_uptime.push_back(d);
+        continue;
+      }
+      for (size_t i = asked.size(); i-- > 0;) {
+        int64_t at = when(asked[i]);
+        if (!taken[i] && at <= dump.ms + 1000 && dump.ms - at <= 10000) {
+          give(i, d);
+          break;
+        }
+      }
     }
-    for (size_t i = asked.size(); i-- > 0;) {
-      int64_t at = when(asked[i]);
-      if (!taken[i] && at <= story->dumps[d].ms + 1000 && story->dumps[d].ms - at <= 10000) {
-        give(i, d);
-        break;
+    size_t i = asked.size();
+    for (size_t k = by_uptime.size(); k-- > 0;) {
+      while (i > 0 && (taken[i - 1] || story->runs[asked[i - 1].first].last_boot != last_boot)) --i;
+      if (i == 0) break;
+      give(--i, by_uptime[k]);
+    }
+  }
+  for (size_t d = 1; d < story->dumps.size(); ++d) {
+    if (story->dumps[d].kind == "SysRq l" && story->dumps[d - 1].kind == "SysRq w")
+      story->dumps[d].answers = story->dumps[d - 1].answers;
+  }
+  for (Run& run : story->runs) {
+    for (Incident& in : run.incidents) {
+      auto lists = [&](int d) {
+        for (const KernelTask& task : story->dumps[d].tasks) {
+          if (task.pid == in.tid && !task.stack.empty()) return true;
+        }
+        return false;
+      };
+      if (in.evidence.find("SysRq") == std::string::npos || (in.dump >= 0 && lists(in.dump)))
+        continue;
+      for (size_t d = 0; d < story->dumps.size(); ++d) {
+        const KernelDump& dump = story->dumps[d];
+        if (dump.kind != "SysRq w" && dump.kind != "SysRq l" && dump.last_boot == run.last_boot &&
+            lists(d)) {
+          in.dump = static_cast<int>(d);
+          story->dumps[d].answers = "evidence for " + in.record;
+        }
       }
     }
   }
-  size_t i = asked.size();
-  for (size_t k = by_uptime.size(); k-- > 0;) {
-    while (i > 0 && taken[i - 1]) --i;
-    if (i == 0) break;
-    give(--i, by_uptime[k]);
+}
+
+// The Java and native dumps the daemon's SIGQUIT and signal 35 asked for: of the process it
+// signalled, written from a second before its "dumped" line to a minute after (the nearest), or,
+// where a dump's time or the line's is unknown, the last one of that process.
+void attach_stacks(Story* story) {
+  for (Run& run : story->runs) {
+    for (Incident& in : run.incidents) {
+      if (in.signalled <= 0) continue;
+      for (int* which : {&in.java, &in.native}) {
+        bool java = which == &in.java;
+        if (java && !in.sigquit) continue;
+        int64_t best = INT64_MAX;
+        for (size_t k = 0; k < story->stacks.size(); ++k) {
+          const ProcessDump& dump = story->stacks[k];
+          if (dump.pid != in.signalled || dump.java != java || dump.threads.empty()) continue;
+          bool timed = dump.ms >= 0 && in.evidence_ms >= 0;
+          int64_t after = timed ? dump.ms - in.evidence_ms : 0;
+          if (timed && (after < -1000 || after > 60000)) continue;
+          if (std::llabs(after) <= best) {
+            best = std::llabs(after);
+            *which = static_cast<int>(k);
+          }
+        }
+      }
+    }
   }
 }
 
@@ -580,14 +587,24 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
 
 Story build_story(const std::vector<std::string>& paths) {
   Builder b;
-  // b.run, b.dump and b.task point at the last element of their vectors, set anew at each growth.
   read_inputs(paths, &b.story.input, [&b](const Line& line) { add_line(&b, line); });
+  for (KernelDump& dump : b.kernel.dumps) {  // a kernel log read twice holds its dumps twice
+    bool again = false;
+    for (const KernelDump& seen : b.story.dumps) {
+      again = again ||
+              (seen.section != dump.section && seen.clock == dump.clock && seen.kind == dump.kind &&
+               seen.last_boot == dump.last_boot && seen.tasks.size() == dump.tasks.size());
+    }
+    if (!again) b.story.dumps.push_back(std::move(dump));
+  }
+  b.story.stacks = std::move(b.java.dumps);
+  for (ProcessDump& dump : b.native.dumps) b.story.stacks.push_back(std::move(dump));
   for (size_t i = 0; i < b.contexts.size(); ++i) {
-    b.run = &b.story.runs[i];
-    b.ctx = &b.contexts[i];
+    b.current = static_cast<int>(i);
     close_sample(&b);
   }
   attach_dumps(&b.story, b.asked);
+  attach_stacks(&b.story);
   return std::move(b.story);
 }
 
