@@ -14,10 +14,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/system_properties.h>
 #include <unistd.h>
 
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "property_file.h"
 
@@ -29,12 +31,14 @@ struct PropertyFile {
   bool loaded = false;
   std::string path;  // the STALL_WARD_PROPERTIES value the table was read from
   std::unordered_map<std::string, std::string> values;
+  std::vector<PropertyRefusal> refusals;
 };
 
 }  // namespace
 
 void parse_property_file(const std::string& path, const std::string& text,
-                         std::unordered_map<std::string, std::string>* values) {
+                         std::unordered_map<std::string, std::string>* values,
+                         std::vector<PropertyRefusal>* refusals) {
   size_t start = 0;
   for (int line_no = 1; start < text.size(); ++line_no) {
     size_t end = text.find('\n', start);
@@ -54,6 +58,10 @@ void parse_property_file(const std::string& path, const std::string& text,
       __android_log_print(ANDROID_LOG_ERROR, kTag,
                           "%s: value of %s is %zu bytes, longer than %d: ignored", path.c_str(),
                           key.c_str(), value.size(), PROPERTY_VALUE_MAX - 1);
+      if (refusals != nullptr) {
+        refusals->push_back({key, std::to_string(value.size()) + " bytes, longer than " +
+                                      std::to_string(PROPERTY_VALUE_MAX - 1)});
+      }
       values->erase(key);
       continue;
     }
@@ -63,16 +71,17 @@ void parse_property_file(const std::string& path, const std::string& text,
 
 namespace {
 
-// The table of the file currently named by STALL_WARD_PROPERTIES, read once per file name.
-const std::unordered_map<std::string, std::string>& properties() {
+// The file currently named by STALL_WARD_PROPERTIES, read once per file name.
+const PropertyFile& property_file() {
   static PropertyFile file;
   const char* env = getenv("STALL_WARD_PROPERTIES");
   std::string path = env != nullptr ? env : "";
-  if (file.loaded && file.path == path) return file.values;
+  if (file.loaded && file.path == path) return file;
   file.loaded = true;
   file.path = path;
   file.values.clear();
-  if (path.empty()) return file.values;
+  file.refusals.clear();
+  if (path.empty()) return file;
   // The values reach a shell command line run as root: only root or the daemon's own user may
   // be able to change them.
   std::string text;
@@ -81,20 +90,50 @@ const std::unordered_map<std::string, std::string>& properties() {
   if (fd < 0 || fstat(fd, &st) != 0 || !android::base::ReadFdToString(fd, &text)) {
     __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot read property file %s: %s", path.c_str(),
                         strerror(errno));
-    return file.values;
+    file.refusals.push_back({"", std::string("cannot be read: ") + strerror(errno)});
+    return file;
   }
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 || (st.st_uid != 0 && st.st_uid != geteuid())) {
     __android_log_print(ANDROID_LOG_ERROR, kTag,
                         "property file %s ignored: it must be owned by root or uid %d and "
                         "writable by its owner alone",
                         path.c_str(), static_cast<int>(geteuid()));
-    return file.values;
+    file.refusals.push_back({"", "ignored: it must be owned by root or uid " +
+                                     std::to_string(geteuid()) +
+                                     " and writable by its owner alone"});
+    return file;
   }
-  parse_property_file(path, text, &file.values);
-  return file.values;
+  parse_property_file(path, text, &file.values, &file.refusals);
+  return file;
+}
+
+const std::unordered_map<std::string, std::string>& properties() {
+  return property_file().values;
 }
 
 }  // namespace
+
+const std::vector<PropertyRefusal>& property_refusals() {
+  return property_file().refusals;
+}
+
+// bionic's property enumeration, over the file's table: a prop_info stands for one of its entries.
+using Entry = std::unordered_map<std::string, std::string>::value_type;
+
+int __system_property_foreach(void (*propfn)(const prop_info* pi, void* cookie), void* cookie) {
+  for (const auto& entry : properties()) {
+    propfn(reinterpret_cast<const prop_info*>(&entry), cookie);  // read back as an Entry
+  }
+  return 0;
+}
+
+void __system_property_read_callback(const prop_info* pi,
+                                     void (*callback)(void* cookie, const char* name,
+                                                      const char* value, uint32_t serial),
+                                     void* cookie) {
+  const Entry* entry = reinterpret_cast<const Entry*>(pi);
+  callback(cookie, entry->first.c_str(), entry->second.c_str(), 0);
+}
 
 int property_get(const char* key, char* value, const char* default_value) {
   size_t len = 0;

@@ -22,6 +22,6 @@ install_missing() {
 }
 
 install_missing cmake g++ make libgtest-dev android-liblog-dev android-libbase-dev \
-  android-libcutils-dev faketime procps util-linux toybox libzip-dev nlohmann-json3-dev chromium
+  android-libcutils-dev faketime procps util-linux toybox libzip-dev nlohmann-json3-dev libjsoncpp-dev chromium
 cmake -S . -B build -DBUILD_TESTING=ON >/dev/null
 cmake --build build -j"$(nproc)"

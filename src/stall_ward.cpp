@@ -61,9 +61,9 @@ static int64_t elapsed_ms(const timespec& from, const timespec& to) {
 // Start-up and the main loop.
 
 int policy_from_text(const std::string& text) {
-  if (text == "panic") return POLICY_PANIC;
-  if (text == "reboot") return POLICY_REBOOT;
-  if (text == "kill") return POLICY_KILL;
+  for (int code : {POLICY_KILL, POLICY_REBOOT, POLICY_PANIC}) {
+    if (text == kPolicyNames[code]) return code;
+  }
   return POLICY_NOTHING;
 }
 
@@ -90,8 +90,7 @@ void read_settings() {
   // Debug logging is on unless the property turns it off.
   debug_enabled = get_prop_bool(kPropDebug, true);
   int timeout = get_prop_int(kPropTimeout, kDefaultTimeout);
-  interval_ms = static_cast<int64_t>(timeout) * 250;
-  if (interval_ms < 30000) interval_ms = 30000;
+  interval_ms = interval_for_timeout(timeout);
   alarm_ms = static_cast<int64_t>(timeout) * 1000;
   get_monitor_info();
   policy = policy_from_text(get_prop_string(kPropPolicy, ""));
@@ -244,10 +243,6 @@ std::string command_base_name(const std::string& name) {
   if (slash == std::string::npos) return name;
   bool earlier_piece = name.find_first_not_of('/') < slash;
   return earlier_piece ? name.substr(slash + 1, end - slash) : name;
-}
-
-static bool is_zygote(const std::string& name) {
-  return name == "zygote" || name == "zygote64";
 }
 
 int parse_stat(const std::string& content, stat_fields* out) {

@@ -17,6 +17,8 @@ struct monitor_info {
 };
 
 constexpr uint32_t kNoId = UINT32_MAX;
+// The kernel keeps this many bytes of a thread's name (comm); a longer name is cut.
+constexpr size_t kCommMax = 15;
 
 // What the daemon remembers about one monitored name (a thread name, or a process name when the
 // main thread is watched). Records are created at start-up and updated in place ever after.
@@ -29,7 +31,7 @@ struct proc {
   int64_t stuck_ms = 0;   // time without progress
   std::string cmd;
   char state = '?';
-  char comm[16] = {};
+  char comm[kCommMax + 1] = {};
   // Set by the first successful sample and never cleared. A new record starts false, so the
   // /proc walk counts a monitored thread that has never been seen as not started.
   bool updated = false;
@@ -91,16 +93,36 @@ extern DirInfo proc_dir;
 // STALL_WARD_SYSRQ_TRIGGER. Decided before main; the SIGALRM handler only reads it.
 extern const char* sysrq_trigger;
 
-// The properties, read once at start-up, and their defaults.
+// The properties, read once at start-up, and their defaults. The platform keeps a value of at
+// most PROPERTY_VALUE_MAX - 1 bytes (<cutils/properties.h>).
+constexpr const char* kPropPrefix = "persist.vendor.sw.";
 constexpr const char* kPropEnable = "persist.vendor.sw.enable";  // default false
 constexpr const char* kPropDebug = "persist.vendor.sw.debug";    // default true
 constexpr const char* kPropTimeout = "persist.vendor.sw.timeout";
-constexpr int kDefaultTimeout = 120;  // seconds
+constexpr int kDefaultTimeout = 120;                             // seconds
 constexpr const char* kPropPolicy = "persist.vendor.sw.policy";  // default empty: nothing
 constexpr const char* kPropProcesses = "persist.vendor.sw.processes";
 constexpr const char* kDefaultProcesses = "system_server:watchdog surfaceflinger";
+// Every property the daemon reads; another key under kPropPrefix is read by nobody.
+constexpr const char* kProperties[] = {kPropEnable, kPropDebug, kPropTimeout, kPropPolicy,
+                                       kPropProcesses};
 
 enum : int { POLICY_KILL = 0, POLICY_REBOOT = 1, POLICY_PANIC = 2, POLICY_NOTHING = 3 };
+// The policy texts, by code. Only the exact texts of the first three act.
+constexpr const char* kPolicyNames[] = {"kill", "reboot", "panic", "nothing"};
+
+// The time between sweeps, in ms, for a timeout of timeout_s seconds: a quarter of it, at least
+// 30 s.
+inline int64_t interval_for_timeout(int64_t timeout_s) {
+  int64_t interval = timeout_s * 250;
+  if (interval < 30000) interval = 30000;
+  return interval;
+}
+// Whether a parent's command name (the first word of its command line, whole) makes its children
+// apps, whose sleeping threads count as stalled.
+inline bool is_zygote(const std::string& name) {
+  return name == "zygote" || name == "zygote64";
+}
 
 bool stall_ward_init();
 // Reads every setting after the enable flag, in start-up's order: debug, the timeout with the

@@ -99,7 +99,7 @@ bool parse_ps_thread(const std::string& output, std::string* tid_token) {
 
 bool is_sh_available() {
   std::string printed;
-  int verdict = ps_self_test(run_ps("ps -e |grep stall_ward"), std::to_string(getpid()), &printed);
+  int verdict = ps_self_test(run_ps(kPsSelfTest), std::to_string(getpid()), &printed);
   if (verdict < 0) return false;
   DLOGI("[sh] sw=%s ret=%d", printed.c_str(), verdict);
   return verdict == 1;

@@ -20,6 +20,9 @@ extern bool debug_enabled;
 #define DLOGI(...) SW_LOG_IF_DEBUG(ANDROID_LOG_INFO, __VA_ARGS__)
 #define DLOGE(...) SW_LOG_IF_DEBUG(ANDROID_LOG_ERROR, __VA_ARGS__)
 
+// The ps self-test: its output shows the daemon under its own pid when ps works for it.
+constexpr const char* kPsSelfTest = "ps -e |grep stall_ward";
+
 // Size of the buffer exec_command fills; callers zero it before each call.
 constexpr size_t kShellOutputSize = 1024;
 

@@ -153,6 +153,41 @@ TEST(Scenario, AZombieMainThreadIsFoundThroughPsAndItsParentAnswers) {
   EXPECT_EQ(run.trigger.commands(), (Lines{"w", "l"}));
 }
 
+// stall_ward_check --live on a system of stand-ins, each carrying one hazard (or, the vfork child
+// of vf, one the checker must not see), and then what the daemon really does there.
+TEST(Scenario, TheCheckersLiveFindingsAreWhatTheDaemonDoes) {
+  DaemonRun run(
+      props("twice:watchdog vf:hang long:PowerManagerService app:idle ghost mainly"),
+      {{"twice", "--thread", "watchdog:D"},
+       {"twice", "--thread", "watchdog:D"},
+       {"vf", "--thread", "hang:D"},
+       {"long", "--thread", "PowerManagerService:S", "--signals", "@sig"},
+       {"zygote64", "--spawn", "app", "--thread", "idle:S", "--signals", "@sig"},
+       {"mainly", "--main-name", "other"}},
+      {}, "STALL_WARD_PROPERTIES=\"$DIR/props\" " STALL_WARD_CHECK_PATH " --live >\"$DIR/check\"");
+  for (size_t k : {2, 3, 4})
+    EXPECT_TRUE(run.wait_for("I killing proc " + run.pid(k), 2 * kWait)) << k;
+  const std::string check = read_file(run.dir.path("check"));
+  const Lines m = run.messages();
+  const std::tuple<std::string, bool, std::string> rows[] = {
+      // the checker's finding, whether it is given, the daemon's line that bears it out
+      {"\nerror two-processes: twice\n    pids " + run.pid(0) + ", " + run.pid(1), true,
+       "I watchdog proc not started"},  // never: the record is bound at each sweep
+      {"two-processes: vf", false, "I dumped " + run.pid(2) + " D"},
+      {"\nerror truncated-thread: long:PowerManagerService\n", true, "I dumped " + run.pid(3)},
+      {"\nerror asleep-app-thread: app:idle\n", true, "I dumped " + run.pid(4)},
+      {"\nerror no-process: ghost\n", true, "I ghost proc not started"},
+      {"\nerror main-thread-name: mainly\n", true, "I mainly proc not started"},
+  };
+  for (const auto& [finding, given, line] : rows) {
+    EXPECT_EQ(check.find(finding) != std::string::npos, given) << finding << "\n" << check;
+  }
+  EXPECT_EQ(count(m, std::get<2>(rows[0])), 0);
+  for (size_t k : {0, 1, 5}) EXPECT_EQ(count_prefix(m, "I dumped " + run.pid(k)), 0) << k;
+  for (size_t r = 1; r < std::size(rows); ++r) EXPECT_GT(count(m, std::get<2>(rows[r])), 0) << r;
+  EXPECT_EQ(run.signals(4), "sig=3\nsig=35\n");
+}
+
 TEST(Scenario, RebootEndsTheInitOfThePidNamespace) {
   DaemonRun run(props("system_server:watchdog", "reboot"),
                 {{"/system/bin/system_server", "--thread", "watchdog:D"}},

@@ -1,8 +1,10 @@
 // stall_ward_report: reads logs and bug reports and tells what stall_ward saw and did.
 #include <android-base/file.h>
+#include <getopt.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/resource.h>
+#include <sysexits.h>
 #include <time.h>
 
 #include "report/report.h"
@@ -38,7 +40,8 @@ static const char kHelp[] =
     "With the daemon's debug logging off (persist.vendor.sw.debug=0) its log holds only its "
     "start;\n"
     "the report says so and still lists each SysRq dump in the kernel log.\n"
-    "Exit status: 0, or 2 when an input cannot be read or no input is named.\n";
+    "Exit status: 0, 2 when an input cannot be read, 64 for a bad command line (no input, an\n"
+    "unknown option).\n";
 
 int main(int argc, char** argv) {
   std::vector<std::string> inputs;
@@ -46,23 +49,30 @@ int main(int argc, char** argv) {
   bool json = false, stats = false;
   timespec start = {};
   clock_gettime(CLOCK_MONOTONIC, &start);
-  for (int i = 1; i < argc; ++i) {
-    if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
-      fputs(kHelp, stdout);
-      return 0;
-    } else if (strcmp(argv[i], "--json") == 0) {
+  const option options[] = {{"html", required_argument, nullptr, 'o'},
+                            {"json", no_argument, nullptr, 'j'},
+                            {"stats", no_argument, nullptr, 's'},
+                            {"help", no_argument, nullptr, 'h'},
+                            {nullptr, 0, nullptr, 0}};
+  for (int c; (c = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
+    if (c == 'o') {
+      html = optarg;
+    } else if (c == 'j') {
       json = true;
-    } else if (strcmp(argv[i], "--stats") == 0) {
+    } else if (c == 's') {
       stats = true;
-    } else if (strcmp(argv[i], "--html") == 0 && i + 1 < argc) {
-      html = argv[++i];
+    } else if (c == 'h') {
+      fputs(kHelp, stdout);
+      return EX_OK;
     } else {
-      inputs.push_back(argv[i]);
+      fputs(kHelp, stderr);
+      return EX_USAGE;
     }
   }
+  inputs.assign(argv + optind, argv + argc);
   if (inputs.empty()) {
     fputs(kHelp, stderr);
-    return 2;
+    return EX_USAGE;
   }
   report::Story story = report::build_story(inputs);
   fputs((json ? report::json_report(story) : report::text_report(story)).c_str(), stdout);

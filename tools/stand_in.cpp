@@ -16,6 +16,7 @@
 //                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
 //                        before --spawn are the parent's
 #include <fcntl.h>
+#include <getopt.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -167,26 +168,31 @@ int main(int argc, char** argv) {
   std::string main_name = base.substr(base.rfind('/') + 1);
   set_name(main_name);
   char** spawn_argv = nullptr;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--spawn" && i + 1 < argc) {
-      spawn_argv = argv + i + 1;
-      break;
-    }
-    if (i + 1 >= argc) die("missing option value");
-    std::string value = argv[++i];
-    if (arg == "--thread") {
+  const option options[] = {{"thread", required_argument, nullptr, 't'},
+                            {"main", required_argument, nullptr, 'm'},
+                            {"main-name", required_argument, nullptr, 'n'},
+                            {"life", required_argument, nullptr, 'l'},
+                            {"signals", required_argument, nullptr, 's'},
+                            {"spawn", no_argument, nullptr, 'c'},
+                            {nullptr, 0, nullptr, 0}};
+  // "+": options end at --spawn, whose arguments are the child's whole command line.
+  for (int c;
+       spawn_argv == nullptr && (c = getopt_long(argc, argv, "+", options, nullptr)) != -1;) {
+    std::string value = optarg != nullptr ? optarg : "";
+    if (c == 't') {
       size_t colon = value.rfind(':');
       if (colon == std::string::npos || colon + 2 != value.size()) die("--thread NAME:STATE");
       threads.push_back({value.substr(0, colon), value[colon + 1]});
-    } else if (arg == "--main") {
+    } else if (c == 'm') {
       main_state = value[0];
-    } else if (arg == "--main-name") {
+    } else if (c == 'n') {
       main_name = value;
-    } else if (arg == "--life") {
-      life_ms = atoi(argv[i]);
-    } else if (arg == "--signals") {
-      signal_file = argv[i];
+    } else if (c == 'l') {
+      life_ms = atoi(optarg);
+    } else if (c == 's') {
+      signal_file = optarg;
+    } else if (c == 'c' && optind < argc) {
+      spawn_argv = argv + optind;
     } else {
       die("unknown option");
     }

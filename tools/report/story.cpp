@@ -67,7 +67,7 @@ Mark mark(const Line& line, const char* kind, const std::string& text) {
 // The daemon's pacing from its timeout: a sweep every quarter of it, at least every 30 s.
 void set_timeout(Run* run, int64_t timeout_s) {
   run->timeout_s = timeout_s;
-  run->interval_ms = std::max<int64_t>(timeout_s * 250, 30000);
+  run->interval_ms = interval_for_timeout(timeout_s);
 }
 
 void start_run(Builder* b, const Line& line, bool started) {

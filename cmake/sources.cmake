@@ -1,0 +1,8 @@
+# The daemon's sources and what a host supplies of the Android platform: the one list the daemon,
+# the checker, the tests, the benchmark and the fuzzers are built from (Android.bp has its own
+# filegroup). Paths are absolute, so that a build of another folder (fuzz/) can include it.
+set(STALL_WARD_SOURCES ${CMAKE_CURRENT_LIST_DIR}/../src/stall_ward.cpp
+                       ${CMAKE_CURRENT_LIST_DIR}/../src/utils.cpp)
+set(STALL_WARD_HOST_SOURCES ${CMAKE_CURRENT_LIST_DIR}/../host/android_reboot.cpp
+                            ${CMAKE_CURRENT_LIST_DIR}/../host/log_stderr.cpp
+                            ${CMAKE_CURRENT_LIST_DIR}/../host/properties.cpp)
