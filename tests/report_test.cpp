@@ -9,6 +9,7 @@
 #include <zip.h>
 
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "helpers.h"
 
@@ -36,29 +37,41 @@ std::string kernel(const std::string& name, int tid) {
                                       std::to_string(tid), true);
 }
 
-TEST(Report, ReadsTheBlockedTasksOfEachKernelFormat) {
-  const std::tuple<const char*, size_t, int, const char*> cases[] = {
-      // excerpt; blocked tasks; the first one's parent and stack
-      {"dmesg-4.14.txt", 2, 5,
-       "__switch_to __schedule schedule schedule_timeout wait_for_common wait_for_completion "
-       "binder_thread_read binder_ioctl_write_read binder_ioctl do_vfs_ioctl"},
-      {"dmesg-6.6.txt", 1, 1,
-       "__schedule schedule schedule_timeout __pfx_process_timeout wait_for_completion_killable "
-       "fuse_simple_request"},
-      {"logcat-kernel-5.10.txt", 1, 5, "__switch_to __schedule schedule io_schedule"},
+// Each line format README lists, read by parse_line: "clock|pid tid tag|text" for logcat,
+// "clock|ms|text" for the kernel (ms: a wall clock counted as logcat's, else -1), "" if not a line.
+TEST(Report, ParseLineReadsEveryFormatItClaims) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"11-22 08:07:30.105  1234  1301 I stall_ward: dumped 5 D",  // logcat -v threadtime
+       "11-22 08:07:30.105|1234 1301 stall_ward|dumped 5 D"},
+      {"11-22 08:07:30.105  1000  1234  1301 W Binder Proxy : a: b",  // -v uid, a tag with spaces
+       "11-22 08:07:30.105|1234 1301 Binder Proxy|a: b"},
+      {"2026-11-22 08:07:30.105  1234  1301 D tag:",
+       "11-22 08:07:30.105|1234 1301 tag|"},  // -v year
+      {"[ 1033.404112] sysrq: Show Blocked State", "[1033.404112]|-1|sysrq: Show Blocked State"},
+      {"<6>[    5.000000] init: x", "[5.000000]|-1|init: x"},               // /dev/kmsg's priority
+      {"[  244.878944][   T74] INFO: task", "[244.878944]|-1|INFO: task"},  // a caller field
+      {"[    5.000000] [    C0] x", "[5.000000]|-1|x"},
+      {"<4>[   79.822940 / 05-03 18:11:50.340] [<c0b3d38c>] y",  // vendors' time stamps
+       "[79.822940]|-1|[<c0b3d38c>] y"},
+      {"[    0.000000,0] z", "[0.000000]|-1|z"},
+      {"[  253.955444s][pid:1993,cpu0,init] w", "[253.955444]|-1|w"},
+      {"  [  246.906433] pasted", "[246.906433]|-1|pasted"},  // a log pasted with an indent
+      {"[Sun Nov 22 08:08:40 2026] t", "Sun Nov 22 08:08:40 2026|31392520000|t"},  // dmesg -T
+      {"[ 12.5 not kernel", ""},
+      {"11-22 08:07:30.105    10", ""},
+      {"11-22 08:07:30.105    10    10 I stall_ward", ""},
   };
-  TempDir dir;
-  for (const auto& [file, tasks, ppid, stack] : cases) {
-    SCOPED_TRACE(file);
-    write_file(dir.path(file), kernel(file, 1301));
-    json dumps = story({dir.path(file)})["kernel_dumps"];
-    ASSERT_EQ(dumps.size(), 1u) << "the backtrace of active CPUs is not a blocked-task dump";
-    ASSERT_EQ(dumps[0]["tasks"].size(), tasks);
-    EXPECT_EQ(dumps[0]["tasks"][0], (json{{"comm", "watchdog"},
-                                          {"state", "D"},
-                                          {"pid", 1301},
-                                          {"ppid", ppid},
-                                          {"stack", android::base::Split(stack, " ")}}));
+  for (const auto& [raw, want] : cases) {
+    report::Line l;
+    std::string got;
+    if (report::parse_line(raw, &l)) {
+      got = l.clock + "|" +
+            (l.kind == report::Line::kLogcat
+                 ? std::to_string(l.pid) + " " + std::to_string(l.tid) + " " + l.tag
+                 : std::to_string(l.ms)) +
+            "|" + l.text;
+    }
+    EXPECT_EQ(got, want) << raw;
   }
 }
 
@@ -82,13 +95,16 @@ std::string bugreport(const std::string& log, const std::string& dmesg) {
          "------ 0.020s was the duration of 'KERNEL LOG (dmesg)' ------\n";
 }
 
-void write_zip(const std::string& path, const std::string& entry, const std::string& text) {
+// The zip adb bugreport writes: main_entry.txt naming the text, and files of the device (FS/...).
+void write_zip(const std::string& path, const std::string& entry, const std::string& text,
+               const std::vector<std::pair<std::string, std::string>>& files = {}) {
   int error = 0;
   zip_t* z = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
   ASSERT_NE(z, nullptr);
   zip_file_add(z, "main_entry.txt", zip_source_buffer(z, entry.data(), entry.size(), 0), 0);
-  zip_file_add(z, "FS/data/anr/anr_1", zip_source_buffer(z, "x\n", 2, 0), 0);
   zip_file_add(z, entry.c_str(), zip_source_buffer(z, text.data(), text.size(), 0), 0);
+  for (const auto& [name, content] : files)
+    zip_file_add(z, name.c_str(), zip_source_buffer(z, content.data(), content.size(), 0), 0);
   ASSERT_EQ(zip_close(z), 0);
 }
 
@@ -173,7 +189,7 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
       EXPECT_EQ(in["action_clock"], clock_of(log, c.action_line));
       EXPECT_EQ(count(m, "I dumped " + std::to_string(in["pid"].get<int>()) + " " + c.state), 1);
     }
-    ASSERT_EQ(s["kernel_dumps"].size(), static_cast<size_t>(asked));
+    ASSERT_EQ(s["kernel_dumps"].size(), 2u * asked) << "each SysRq w with its SysRq l";
     for (const json& dump : s["kernel_dumps"]) EXPECT_NE(dump["answers"], "");
     std::string account = report::text_report(report::build_story({dir.path(input)}));
     EXPECT_NE(account.find("; kernel stack: __switch_to < __schedule < schedule <"),
@@ -202,6 +218,56 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   }
   EXPECT_EQ(shown, (Lines{"watchdog", "watchdog", "surfaceflinger"}));
   EXPECT_NE(dom.find("<svg class=\"timeline\""), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+// Real kernel logs (each .source names where it was published) and hand-written ones, each in a
+// bug report beside the daemon's log, the watched thread's id put in place of the task's: its
+// kernel stack is attached, down to its first frame below the scheduler's.
+TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      // excerpt; the task taken for the watched thread; its first frame below the scheduler's
+      {"dmesg-4.14.txt", "@TID", "wait_for_common"},
+      {"dmesg-5.4.txt", "@TID", "wait_for_common"},
+      {"dmesg-6.6.txt", "@TID", "__pfx_process_timeout"},
+      {"logcat-kernel-5.10.txt", "@TID", ""},
+      {"twrp-3.4-arm32-vendor-stamps-sysrq-w.txt", "6", "wait_for_common"},
+      {"esos-3.x-x86-pc-column-stack-words.txt", "3937", "__blk_run_queue"},
+      {"raspberrypi-4.14-arm32-hung-task.txt", "28445", ""},
+      {"binder-4.15-arm64-hung-task.txt", "54781", "__mutex_lock.isra.0"},
+      {"rockchip-4.19-arm64-hung-task.txt", "1", "wait_for_common"},
+      {"raspberrypi-5.x-arm32-registers-between-frames.txt", "19868", "wait_for_completion"},
+      {"sched-ext-6.9-x86-task-markers.txt", "1531", "__mutex_lock"},
+      {"raspberrypi-6.12-arm32-hung-task.txt", "208", "kthread"},
+      {"qualcomm-6.19-arm64-caller-field-indented.txt", "1", "__wait_for_common"},
+  };
+  std::string log = read_file(daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill"));
+  int tid = story(
+      {daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill")})["runs"][0]["incidents"][0]["tid"];
+  TempDir dir;
+  for (const auto& [file, pid, frame] : cases) {
+    SCOPED_TRACE(file);
+    std::string dmesg =
+        std::string(pid) == "@TID"
+            ? kernel(file, tid)
+            : std::regex_replace(read_file(REPORT_FIXTURES "/kernel/" + std::string(file)),
+                                 std::regex(std::string("\\b") + pid + "\\b"), std::to_string(tid));
+    write_file(dir.path("bugreport.txt"), bugreport(log, dmesg));
+    json s = story({dir.path("bugreport.txt")});
+    int dump = s["runs"][0]["incidents"][0]["kernel_dump"];
+    ASSERT_GE(dump, 0);
+    Lines stack;
+    for (const json& task : s["kernel_dumps"][dump]["tasks"]) {
+      if (task["pid"] == tid) stack = task["stack"].get<Lines>();
+    }
+    ASSERT_FALSE(stack.empty());
+    auto below = std::find_if(stack.begin(), stack.end(),
+                              [](const std::string& f) { return !report::scheduler_frame(f); });
+    EXPECT_EQ(below == stack.end() ? "" : *below, frame);
+  }
 }
 
 }  // namespace

@@ -96,11 +96,12 @@ bool parse_wall_clock(const std::string& stamp, int64_t* ms) {
 }
 
 bool parse_kernel(const std::string& raw, Line* line) {
-  size_t at = 0;
-  if (raw.size() > 2 && raw[0] == '<') {  // "<6>": the priority of /dev/kmsg and dmesg -r
-    at = raw.find('>');
-    if (at == std::string::npos || at > 4) return false;
-    ++at;
+  size_t at = raw.find_first_not_of(" \t");  // a log pasted with an indent
+  if (at == std::string::npos) return false;
+  if (raw.size() > at + 2 && raw[at] == '<') {  // "<6>": the priority of /dev/kmsg and dmesg -r
+    size_t close = raw.find('>', at);
+    if (close == std::string::npos || close > at + 4) return false;
+    at = close + 1;
   }
   if (at >= raw.size() || raw[at] != '[') return false;
   size_t close = raw.find(']', at);

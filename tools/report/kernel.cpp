@@ -69,8 +69,8 @@ bool parse_frame(const std::string& text, std::string* function) {
       size_t end = t.find(')');
       if (end == std::string::npos || t.find(") from ") != end) return false;
       *function = t.substr(1, end - 1);
-      size_t space = function->find(' ');  // "(fuse_writepages [fuse])"
-      if (space != std::string::npos) function->resize(space);
+      size_t cut = function->find_first_of(" +");  // "(fuse_writepages [fuse])", "(f+0x3e0/0x5ec)"
+      if (cut != std::string::npos) function->resize(cut);
       return !function->empty();
     }
     if (StartsWith(t, "0x") || t.empty()) {
@@ -176,13 +176,14 @@ void KernelReader::add(const Line& line) {
     seen();
     return;
   }
-  if (open < 0) return;
+  KernelTask parsed;
+  if (open < 0 && StartsWith(t, "task:") && parse_task(t, &parsed)) start("SysRq w");  // its
+  if (open < 0) return;  // start lost with the oldest lines of the log
   KernelDump& dump = dumps[open];
   if (++idle > 400 || (now >= 0 && last_s >= 0 && now - last_s > 10)) {
     open = task = -1;
     return;
   }
-  KernelTask parsed;
   std::string function;
   unsigned cpu = 0;
   int pid = 0;

@@ -116,9 +116,14 @@ std::string java_blocker(const ProcessDump& dump, int thread, bool* deadlock) {
     s += t.held_by > 0 ? StringPrintf(" held by thread %d ", t.held_by) : " (its holder not named)";
     if (k + 1 == chain.size() && t.held_by > 0 && !*deadlock) s += "(not in the dump)";
   }
-  if (*deadlock) {
+  s = android::base::Trim(s);
+  if (*deadlock) {  // the cycle: from the thread that the last one waits for
     std::vector<std::string> names;
-    for (size_t k : chain) names.push_back(thread_words(dump.threads[k]));
+    bool in_cycle = false;
+    for (size_t k : chain) {
+      in_cycle = in_cycle || dump.threads[k].java_id == dump.threads[chain.back()].held_by;
+      if (in_cycle) names.push_back(thread_words(dump.threads[k]));
+    }
     s += "; a deadlock of " + android::base::Join(names, ", ");
   }
   return s;
