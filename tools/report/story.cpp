@@ -561,7 +561,10 @@ void attach_stacks(Story* story) {
 Story build_story(const std::vector<std::string>& paths) {
   Builder b;
   // b.run and b.ctx point at an element of their vectors, set anew at each growth.
-  read_inputs(paths, &b.story.input, [&b](const Line& line) { add_line(&b, line); });
+  Sink sink;
+  sink.line = [&b](const Line& line) { add_line(&b, line); };
+  sink.every_line = [&b] { return b.kernel.open >= 0; };
+  read_inputs(paths, &b.story.input, sink);
   b.story.dumps = std::move(b.kernel.dumps);
   b.story.stacks = std::move(b.java.dumps);
   for (ProcessDump& dump : b.native.dumps) b.story.stacks.push_back(std::move(dump));
