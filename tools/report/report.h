@@ -208,5 +208,7 @@ Story build_story(const std::vector<std::string>& paths);
 std::string text_report(const Story& story);
 std::string html_report(const Story& story);
 std::string json_report(const Story& story);
+// One incident's paragraph of the text account.
+std::string incident_account(const Story& story, const Incident& in);
 
 }  // namespace report
