@@ -13,32 +13,43 @@
 #include "report/report.h"
 
 static const char kHelp[] =
-    "usage: stall_ward_report [--html FILE] [--json] INPUT...\n"
+    "usage: stall_ward_report [--html FILE] [--json] [--stats] INPUT...\n"
     "       stall_ward_report --summary [--html FILE] [--jobs N] INPUT...\n"
     "       stall_ward_report --jsonl [--jobs N] INPUT...\n"
     "\n"
-    "Reads device logs and tells, per run of stall_ward and per watched name, what the daemon saw\n"
-    "and did: its configuration, each sweep (the /proc walk or ps), the thread bound and every\n"
-    "rebind, its state and stall count by sweep, the evidence (SysRq w and l, signal 35, "
-    "SIGQUIT),\n"
-    "the policy action, frozen and not-started spells, the self-watchdog and slow sweeps; and "
-    "from\n"
-    "the kernel log, the blocked-task dump (SysRq w) that answers each piece of evidence, with "
-    "the\n"
-    "thread's kernel stack.\n"
+    "Reads device logs and dumps and tells, per run of stall_ward and per watched name, what the\n"
+    "daemon saw and did: its configuration, each sweep (the /proc walk or ps), the thread bound\n"
+    "and every rebind, its state and stall count by sweep, the evidence (SysRq w and l, signal "
+    "35,\n"
+    "SIGQUIT), the policy action, frozen and not-started spells, the self-watchdog and slow\n"
+    "sweeps; and why the thread was stuck: the kernel's dump that answers the evidence with the\n"
+    "thread's kernel stack, the Java and native dumps with its Java and native stacks, and the\n"
+    "blocker (the Java monitor's holder and on, a deadlock named as such; the tasks of the "
+    "kernel's\n"
+    "dump blocked at the same place, and the lock's owner where the kernel names it).\n"
     "\n"
-    "INPUT is any number of files, \"-\" for stdin:\n"
-    "  a log in logcat's threadtime form (adb logcat -d, also -b all, -v uid or -v year)\n"
-    "  a kernel log (dmesg, adb shell dmesg, logcat -b kernel), kernels 4.14 to current\n"
-    "  a bug report from adb bugreport: the zip, or its main text file (its SYSTEM LOG and\n"
-    "  KERNEL LOG sections are read)\n"
+    "INPUT is any number of files, \"-\" for stdin, or a folder (each file in it):\n"
+    "  logcat in threadtime form (adb logcat -d, also -b all, -v uid or -v year)\n"
+    "  a kernel log (dmesg, dmesg -T, /dev/kmsg's <6> priorities, logcat -b kernel; caller fields\n"
+    "    and vendors' time stamps), kernels 3.x to 6.x, arm64, ARM32 and x86: SysRq w, the\n"
+    "    kernel's hung-task reports, SysRq l\n"
+    "  the previous boot's kernel log from pstore (console-ramoops-0, dmesg-ramoops-0, last_kmsg)\n"
+    "  Java stack dumps (SIGQUIT): /data/anr/trace_NN (on Android 11 the daemon's SIGQUIT lands\n"
+    "    there, and a bug report does not carry it: adb pull /data/anr, give the folder), anr_* "
+    "files\n"
+    "  tombstones (signal 35): /data/tombstones/tombstone_NN\n"
+    "  a bug report from adb bugreport: the zip (its main entry, ANR files and tombstones) or its\n"
+    "    main text file; its SYSTEM LOG, KERNEL LOG, LAST LOGCAT, LAST KMSG and VM TRACES\n"
+    "    sections are read (a section written twice counts once)\n"
     "Lines of other programs are skipped; lines that are not log lines are counted and skipped.\n"
-    "Inputs are read in one pass, in fixed memory for the input's size.\n"
+    "Inputs are read in one pass; logs in fixed memory for the input's size.\n"
+    "Where its fixtures came from: README, \"What happened\".\n"
     "\n"
     "Output: a text account on stdout, one paragraph per incident.\n"
     "  --html FILE  also write one self-contained page: a timeline per watched name (state and\n"
     "               stall count by sweep, marks for evidence, action, rebinds, frozen and\n"
-    "               not-started spells), the incidents, and each kernel stack beside its evidence\n"
+    "               not-started spells), the incidents, and beside each its kernel, Java and\n"
+    "               native stacks and the blocker\n"
     "  --json       print JSON instead of the text account\n"
     "  --stats      end with the time taken and the peak memory, on stderr\n"
     "\n"
@@ -56,8 +67,9 @@ static const char kHelp[] =
     "With the daemon's debug logging off (persist.vendor.sw.debug=0) its log holds only its "
     "start;\n"
     "the report says so and still lists each SysRq dump in the kernel log.\n"
-    "Exit status: 0, 2 when an input cannot be read, 64 for a bad command line (no input, an\n"
-    "unknown option).\n";
+    "Exit status: 0, or 2 when an input cannot be read (a zip cut short or damaged included) or "
+    "no\n"
+    "input is named.\n";
 
 int main(int argc, char** argv) {
   std::vector<std::string> inputs;
@@ -93,7 +105,11 @@ int main(int argc, char** argv) {
     }
   }
   inputs.assign(argv + optind, argv + argc);
-  if (inputs.empty() || (summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
+  if (inputs.empty()) {
+    fputs(kHelp, stderr);
+    return 2;
+  }
+  if ((summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
     fputs(kHelp, stderr);
     return EX_USAGE;
   }

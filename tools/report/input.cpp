@@ -256,12 +256,14 @@ bool all_digits(std::string_view s) {
 
 // Whether a text may start one of the kernel's dumps: it holds "locked" (Show Blocked State, a
 // task blocked for more than N seconds), "backtrace" (Show backtrace of all active CPUs) or
-// "task:" (a task line of 5.10 on). All three have a 'k' fourth.
+// "task:" (a task line of 5.10 on; "task    :" where logcat took "task" for the tag). All three
+// have a 'k' fourth.
 bool may_start_dump(std::string_view t) {
   for (size_t k = 3; (k = t.find('k', k)) != std::string_view::npos; ++k) {
     std::string_view before = t.substr(k - 3, 3), after = t.substr(k + 1);
     if ((before == "loc" && starts(after, "ed")) || (before == "bac" && starts(after, "trace")) ||
-        (before == "tas" && starts(after, ":"))) {
+        (before == "tas" &&
+         starts(after.substr(std::min(after.find_first_not_of(' '), after.size())), ":"))) {
       return true;
     }
   }

@@ -126,6 +126,12 @@ bool scheduler_frame(const std::string& f) {
 }
 
 void KernelReader::add(const Line& line) {
+  if (open < 0 && line.text.find("Show B") == std::string::npos &&
+      line.text.find("Show backtrace") == std::string::npos &&
+      line.text.find("INFO: task ") == std::string::npos &&
+      line.text.find("task:") == std::string::npos && line.tag != "task") {
+    return;  // outside a dump only its start counts
+  }
   std::string t = android::base::Trim(drop_caller(android::base::Trim(line.text)));
   if (line.kind == Line::kLogcat) {
     // logcat -b kernel may have taken the line's first word for its tag.
@@ -143,6 +149,7 @@ void KernelReader::add(const Line& line) {
     dumps[open].ms = line.ms;
     dumps[open].kind = kind;
     dumps[open].last_boot = line.from == Line::kLastBoot;
+    dumps[open].section = line.section;
     last_s = now;
     idle = 0;
   };

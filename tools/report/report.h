@@ -70,6 +70,7 @@ struct KernelDump {
   int64_t ms = -1;    // with a wall clock (logcat, dmesg -T); -1: the time since boot only
   std::string kind = "SysRq w";  // or "hung task" (the kernel's own report), "SysRq l"
   bool last_boot = false;
+  int section = 0;   // Line::section of its start
   bool cut = false;  // its last task has no stack: the log ends or breaks inside it
   std::vector<KernelTask> tasks;
   std::string answers;  // what the daemon did that asked for it, once attached

@@ -565,7 +565,15 @@ Story build_story(const std::vector<std::string>& paths) {
   sink.line = [&b](const Line& line) { add_line(&b, line); };
   sink.every_line = [&b] { return b.kernel.open >= 0; };
   read_inputs(paths, &b.story.input, sink);
-  b.story.dumps = std::move(b.kernel.dumps);
+  for (KernelDump& dump : b.kernel.dumps) {  // a kernel log read twice holds its dumps twice
+    bool again = false;
+    for (const KernelDump& seen : b.story.dumps) {
+      again = again ||
+              (seen.section != dump.section && seen.clock == dump.clock && seen.kind == dump.kind &&
+               seen.last_boot == dump.last_boot && seen.tasks.size() == dump.tasks.size());
+    }
+    if (!again) b.story.dumps.push_back(std::move(dump));
+  }
   b.story.stacks = std::move(b.java.dumps);
   for (ProcessDump& dump : b.native.dumps) b.story.stacks.push_back(std::move(dump));
   for (size_t i = 0; i < b.contexts.size(); ++i) {
