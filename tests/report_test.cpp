@@ -345,3 +345,52 @@ TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
 }
 
 }  // namespace
+
+namespace {
+
+// A fleet from scripts/make-fleet.py: the same hangs on many devices, builds and kernels (their
+// own ids, addresses and times), other hangs, reports without incident, and one zip cut short. Each
+// kind of hang is one signature, --summary counts it, and sqlite3's query over --jsonl gives the
+// same table; the cut zip is named and skipped.
+TEST(Report, AFleetCountsEachHangUnderOneSignature) {
+  TempDir dir;
+  const std::string fleet = dir.path("fleet");
+  ASSERT_EQ(spawn(MAKE_FLEET_PATH, {"make-fleet.py", fleet, "60", "16"}).wait(120000), 0);
+  std::map<std::string, std::string> kind;  // of each bug report
+  std::map<std::string, int> reports;       // of each kind
+  for (const std::string& row : android::base::Split(read_file(fleet + ".tsv"), "\n")) {
+    Lines f = android::base::Split(row, "\t");
+    if (f.size() == 2) ++reports[kind[f[0]] = f[1]];
+  }
+  std::string out[2];
+  for (int jsonl : {0, 1}) {
+    Child tool = spawn(STALL_WARD_REPORT_PATH,
+                       {"stall_ward_report", jsonl ? "--jsonl" : "--summary", "--jobs", "2", fleet},
+                       dir.path("err"));
+    out[jsonl] = tool.read_all();
+    EXPECT_EQ(WEXITSTATUS(tool.wait(60000)), 2);
+    EXPECT_NE(read_file(dir.path("err")).find("fleet/bugreport-damaged.zip: a damaged"),
+              std::string::npos);
+  }
+  std::map<std::string, std::string> signature;  // of each kind
+  std::map<std::string, int> counted;            // by the table, of each signature
+  for (const std::string& line : android::base::Split(android::base::Trim(out[1]), "\n")) {
+    json j = json::parse(line);
+    std::string& s = signature[kind[j["bugreport"]]];
+    EXPECT_TRUE(s.empty() || s == j["signature"]) << line;
+    s = j["signature"];
+  }
+  for (const std::string& row : android::base::Split(android::base::Trim(out[0]), "\n"))
+    counted[row.substr(row.rfind(' ') + 1)] = atoi(row.c_str());
+  for (const char* k : {"binder", "fuse", "zombie", "deadlock"}) {
+    EXPECT_EQ(counted[signature[k]], reports[k]) << k;
+    counted.erase(signature[k]);
+  }
+  EXPECT_EQ(counted.size(), 1u) << "a row per kind of hang, and the table's header";
+  write_file(dir.path("incidents.jsonl"), out[1]);
+  Child sql = spawn("/usr/bin/sqlite3", {"sqlite3", "-header", "-separator", " | ", "-cmd",
+                                         ".cd " + dir.path(""), ":memory:", ".read " SUMMARY_SQL});
+  EXPECT_EQ(sql.read_all(), out[0]);
+}
+
+}  // namespace

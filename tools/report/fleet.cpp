@@ -45,9 +45,8 @@ std::string without_numbers(const std::string& s) {
 }
 
 // A kernel function as every kernel version names it: without the compiler's suffixes
-// (".isra.0", ".constprop.0", ".part.0", ".cold"), the leading underscores and 6.x's "__pfx_".
+// (".isra.0", ".constprop.0", ".part.0", ".cold") and the leading underscores.
 std::string kernel_function(std::string f) {
-  if (StartsWith(f, "__pfx_")) f = f.substr(6);
   f = f.substr(0, f.find('.'));
   return f.substr(std::min(f.find_first_not_of('_'), f.size()));
 }
@@ -99,7 +98,7 @@ bool native_frame(const std::string& f) {
 std::vector<std::string> kernel_top(const std::vector<std::string>& stack) {
   std::vector<std::string> top;
   for (const std::string& f : stack) {
-    if (scheduler_frame(f)) continue;
+    if (scheduler_frame(f) || StartsWith(f, "__pfx_")) continue;  // padding, never a caller
     top.push_back(kernel_function(f));
     if (top.size() == kTopFrames) break;
   }
@@ -337,30 +336,30 @@ FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool prog
 
 std::string jsonl_line(const Hang& h) {
   auto or_null = [](const std::string& s) {
-    return s.empty() ? nlohmann::json() : nlohmann::json(s);
+    return s.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(s);
   };
-  nlohmann::json j = {{"bugreport", h.input},
-                      {"device", or_null(h.device)},
-                      {"build", or_null(h.build)},
-                      {"taken", or_null(h.taken)},
-                      {"since", or_null(h.since)},
-                      {"seen", or_null(h.seen)},
-                      {"acted", or_null(h.acted)},
-                      {"process", h.process},
-                      {"pid", h.pid},
-                      {"thread", h.thread},
-                      {"tid", h.tid},
-                      {"state", std::string(1, h.state)},
-                      {"evidence", h.evidence},
-                      {"action", h.action},
-                      {"story", h.story},
-                      {"kernel_stack", h.kernel_stack},
-                      {"java_stack", h.java_stack},
-                      {"native_stack", h.native_stack},
-                      {"frames", h.frames},
-                      {"blocker", h.blocker},
-                      {"signature", h.signature},
-                      {"signature_version", kSignatureVersion}};
+  nlohmann::ordered_json j = {{"bugreport", h.input},
+                              {"device", or_null(h.device)},
+                              {"build", or_null(h.build)},
+                              {"taken", or_null(h.taken)},
+                              {"since", or_null(h.since)},
+                              {"seen", or_null(h.seen)},
+                              {"acted", or_null(h.acted)},
+                              {"process", h.process},
+                              {"pid", h.pid},
+                              {"thread", h.thread},
+                              {"tid", h.tid},
+                              {"state", std::string(1, h.state)},
+                              {"evidence", h.evidence},
+                              {"action", h.action},
+                              {"story", h.story},
+                              {"kernel_stack", h.kernel_stack},
+                              {"java_stack", h.java_stack},
+                              {"native_stack", h.native_stack},
+                              {"frames", h.frames},
+                              {"blocker", h.blocker},
+                              {"signature", h.signature},
+                              {"signature_version", kSignatureVersion}};
   return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
@@ -373,9 +372,8 @@ void Summary::add(Hang h) {
     row.state = std::string(1, h.state);
     row.frames = h.frames;
     row.blocker = h.blocker;
-    row.first = row.last = h.seen;
   }
-  row.first = std::min(row.first, h.seen);
+  if (!h.seen.empty() && (row.first.empty() || h.seen < row.first)) row.first = h.seen;
   row.last = std::max(row.last, h.seen);
   for (auto [list, value] : {std::make_pair(&row.devices, &h.device), {&row.builds, &h.build}}) {
     auto at = std::lower_bound(list->begin(), list->end(), *value);
