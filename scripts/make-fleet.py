@@ -68,16 +68,18 @@ def device_addresses(text, rng):
     return re.sub(r"\+(\d+)\)", lambda m: "+%d)" % rng.randrange(4, 4000), text)
 
 
+POOL = []
+
+
 def filler(rng, kb, month_day):
-    lines, size = [], 0
-    while size < kb * 1024:
-        line = "%s %02d:%02d:%02d.%03d  1000 %5d %5d I %s: event %d of %d\n" % (
-            month_day, rng.randrange(24), rng.randrange(60), rng.randrange(60),
-            rng.randrange(1000), rng.randrange(100, 30000), rng.randrange(100, 30000),
-            rng.choice(FILLER_TAGS), rng.randrange(100000), rng.randrange(100000))
-        lines.append(line)
-        size += len(line)
-    return "".join(sorted(lines))
+    """Other programs' lines of one day, drawn from a pool made once."""
+    if not POOL:
+        POOL.extend(" %02d:%02d:%02d.%03d  1000 %5d %5d I %s: event %d of %d\n" % (
+            rng.randrange(24), rng.randrange(60), rng.randrange(60), rng.randrange(1000),
+            rng.randrange(100, 30000), rng.randrange(100, 30000), rng.choice(FILLER_TAGS),
+            rng.randrange(100000), rng.randrange(100000)) for _ in range(4096))
+    lines = rng.choices(POOL, k=kb * 1024 // len(POOL[0]) + 1)
+    return "".join(month_day + line for line in sorted(lines))
 
 
 def bugreport(i, kind, rng, filler_kb):

@@ -116,6 +116,7 @@ int main(int argc, char** argv) {
   bool failed = false;
   if (summary || jsonl) {
     report::Summary table;
+    table.pages = !html.empty();
     report::FleetStats fleet = report::read_fleet(
         inputs, jobs, isatty(STDERR_FILENO) != 0, stderr, [&](std::vector<report::Hang>&& hangs) {
           for (report::Hang& h : hangs) {

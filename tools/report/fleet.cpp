@@ -379,6 +379,7 @@ void Summary::add(Hang h) {
     auto at = std::lower_bound(list->begin(), list->end(), *value);
     if (!value->empty() && (at == list->end() || *at != *value)) list->insert(at, *value);
   }
+  if (!pages) return;
   h.kernel_stack.clear();
   h.java_stack.clear();
   h.native_stack.clear();

@@ -57,8 +57,9 @@ struct Summary {
     std::string signature, process, thread, state, frames, blocker, first, last;
     size_t count = 0;
     std::vector<std::string> devices, builds;  // distinct, known ones only
-    std::vector<Hang> incidents;               // without their stacks
+    std::vector<Hang> incidents;               // for the page, without their stacks
   };
+  bool pages = false;               // keep each row's incidents for html()
   std::map<std::string, Row> rows;  // by signature
   void add(Hang hang);
   std::string table() const;  // sorted by count, then signature
