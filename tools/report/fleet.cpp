@@ -436,7 +436,7 @@ std::string Summary::html(const FleetStats& stats) const {
       "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>stall_ward: hangs by "
       "signature</title><style>body{font-family:sans-serif;margin:1em}table{border-collapse:"
       "collapse}td,th{border:1px solid #ccc;padding:2px 6px;vertical-align:top;text-align:left}"
-      "code{font-size:90%}</style></head><body>\n";
+      "code{font-size:90%}.t{white-space:nowrap}</style></head><body>\n";
   s += StringPrintf(
       "<h1>Hangs by signature</h1><p>%zu inputs read (%.1f MB), %zu with incidents, %zu damaged "
       "and skipped.</p>\n<table class=\"summary\"><tr><th>count</th><th>devices</th>"
@@ -447,8 +447,8 @@ std::string Summary::html(const FleetStats& stats) const {
   for (const Row* r : sorted) {
     s += StringPrintf("<tr class=\"signature\"><td>%zu</td><td>%zu</td><td>%zu</td>", r->count,
                       r->devices.size(), r->builds.size());
-    for (const std::string* cell :
-         {&r->first, &r->last, &r->process, &r->thread, &r->state, &r->frames, &r->blocker})
+    s += "<td class=\"t\">" + r->first + "</td><td class=\"t\">" + r->last + "</td>";
+    for (const std::string* cell : {&r->process, &r->thread, &r->state, &r->frames, &r->blocker})
       s += "<td>" + escape(*cell) + "</td>";
     s += "<td><a href=\"#" + r->signature + "\">" + r->signature + "</a></td></tr>\n";
   }
@@ -459,7 +459,7 @@ std::string Summary::html(const FleetStats& stats) const {
          "</h2>\n<table class=\"incidents\"><tr><th>seen</th><th>device"
          "</th><th>build</th><th>bug report</th><th>what happened</th></tr>\n";
     for (const Hang& h : r->incidents) {
-      s += "<tr><td>" + escape(h.seen) + "</td><td>" + escape(h.device) + "</td><td>" +
+      s += "<tr><td class=\"t\">" + escape(h.seen) + "</td><td>" + escape(h.device) + "</td><td>" +
            escape(h.build) + "</td><td><a href=\"" + escape(h.input) + "\">" + escape(h.input) +
            "</a></td><td><code>" + escape(h.story) + "</code></td></tr>\n";
     }
