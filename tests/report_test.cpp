@@ -40,6 +40,14 @@ std::string kernel(const std::string& name, int tid) {
                                       std::to_string(tid), true);
 }
 
+// A fixture with its @NAMEs filled in.
+std::string filled(const std::string& name, const std::map<std::string, std::string>& values) {
+  std::string text = read_file(REPORT_FIXTURES "/" + name);
+  for (const auto& [key, value] : values)
+    text = android::base::StringReplace(text, key, value, true);
+  return text;
+}
+
 // Each line format README lists, read by parse_line: "clock|pid tid tag|text" for logcat,
 // "clock|ms|text" for the kernel (ms: a wall clock counted as logcat's, else -1), "" if not a line.
 TEST(Report, ParseLineReadsEveryFormatItClaims) {
@@ -63,15 +71,11 @@ TEST(Report, ParseLineReadsEveryFormatItClaims) {
   };
   for (const auto& [raw, want] : cases) {
     report::Line l;
-    std::string got;
-    if (report::parse_line(raw, &l)) {
-      got = l.clock + "|" +
-            (l.kind == report::Line::kLogcat
-                 ? std::to_string(l.pid) + " " + std::to_string(l.tid) + " " + l.tag
-                 : std::to_string(l.ms)) +
-            "|" + l.text;
-    }
-    EXPECT_EQ(got, want) << raw;
+    bool read = report::parse_line(raw, &l);
+    std::string ids = l.kind == report::Line::kLogcat
+                          ? std::to_string(l.pid) + " " + std::to_string(l.tid) + " " + l.tag
+                          : std::to_string(l.ms);
+    EXPECT_EQ(read ? l.clock + "|" + ids + "|" + l.text : "", want) << raw;
   }
 }
 
@@ -271,9 +275,8 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
 // "Panic#1 Part1" and /dev/kmsg's lines). The asleep thread shows both stacks and the deadlock
 // behind its monitor, or where the dumps are when they are not in the input; the panic its stack.
 TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
-  const std::string log = daemon_log("AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic"),
-                    panic_log =
-                        daemon_log("AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic-2");
+  const std::string name = "AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic";
+  const std::string log = daemon_log(name), panic_log = daemon_log(name + "-2");
   json in = story({log})["runs"][0]["incidents"][0];
   int panic_tid = story({panic_log})["runs"][0]["incidents"][0]["tid"];
   std::string at = in["evidence_clock"], pid = in["pid"].dump();
@@ -281,24 +284,19 @@ TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
       bugreport(read_file(log), ""), "------ CPU INFO",
       "------ LAST LOGCAT (logcat -L -d) ------\n" + read_file(panic_log) + "------ CPU INFO",
       false);
-  std::string java = read_file(REPORT_FIXTURES "/java/handwritten-system_server-deadlock.txt"),
-              tombstone =
-                  read_file(REPORT_FIXTURES "/native/handwritten-system_server-signal35.txt");
-  for (std::string* dump : {&java, &tombstone}) {  // written in the second of the "dumped" line
-    for (const auto& [key, value] : std::map<std::string, std::string>{
-             {"@PID", pid},
-             {"@TID", in["tid"].dump()},
-             {"@UI", "2012"},
-             {"@DISPLAY", "2015"},
-             {"@DATE", "2026-" + at.substr(0, 5) + " " + at.substr(6, 8)}})
-      *dump = android::base::StringReplace(*dump, key, value, true);
-  }
+  const std::map<std::string, std::string> values = {
+      // written in the "dumped" line's second
+      {"@PID", pid},
+      {"@TID", in["tid"].dump()},
+      {"@UI", "2012"},
+      {"@DISPLAY", "2015"},
+      {"@DATE", "2026-" + at.substr(0, 5) + " " + at.substr(6, 8)}};
+  std::string java = filled("java/handwritten-system_server-deadlock.txt", values),
+              tombstone = filled("native/handwritten-system_server-signal35.txt", values);
   std::string dmesg = kernel("dmesg-5.4.txt", panic_tid) + kernel("dmesg-5.4.txt", panic_tid);
   TempDir dir;
-  write_file(dir.path("bugreport.txt"), text +
-                                            "------ VM TRACES JUST NOW (/data/anr/dumptrace_d6fT"
-                                            "Or: 2026-11-22 22:16:07) ------\n" +
-                                            java);
+  const std::string vm_traces = "------ VM TRACES JUST NOW (/data/anr/dumptrace_d6fTOr) ------\n";
+  write_file(dir.path("bugreport.txt"), text + vm_traces + java);
   write_zip(dir.path("anr.zip"), "b.txt", text,
             {{"FS/data/anr/anr_2026-11-22-22-16-07-001", java},
              {"FS/data/tombstones/tombstone_01", tombstone}});

@@ -126,7 +126,7 @@ bool scheduler_frame(const std::string& f) {
 }
 
 void KernelReader::add(const Line& line) {
-  if (open < 0 && line.text.find("Show B") == std::string::npos &&
+  if (open < 0 && line.text.find("Show Blocked State") == std::string::npos &&
       line.text.find("Show backtrace") == std::string::npos &&
       line.text.find("INFO: task ") == std::string::npos &&
       line.text.find("task:") == std::string::npos && line.tag != "task") {
@@ -168,9 +168,13 @@ void KernelReader::add(const Line& line) {
   const char kHung[] = "INFO: task ";
   size_t likely = t.find(" likely owned by task ");
   if (StartsWith(t, kHung) && likely != std::string::npos) {
-    // 6.x: "INFO: task NAME:PID is blocked on a mutex likely owned by task OWNER:PID."
+    // 6.x: "INFO: task NAME:PID is blocked on a mutex likely owned by task OWNER:PID." (or "...
+    // <reader> blocked on an rw-semaphore likely owned by task OWNER:PID <writer>"); the owner's
+    // own task line and stack follow.
     if (open >= 0 && task >= 0) {
       std::string owner = t.substr(likely + strlen(" likely owned by task "));
+      size_t role = owner.rfind(" <");  // " <writer>"
+      if (role != std::string::npos && android::base::EndsWith(owner, ">")) owner.resize(role);
       while (!owner.empty() && (owner.back() == '.' || owner.back() == ' ')) owner.pop_back();
       dumps[open].tasks[task].owner = owner;
     }
@@ -184,8 +188,9 @@ void KernelReader::add(const Line& line) {
     return;
   }
   KernelTask parsed;
-  if (open < 0 && StartsWith(t, "task:") && parse_task(t, &parsed)) start("SysRq w");  // its
-  if (open < 0) return;  // start lost with the oldest lines of the log
+  // A task line of 5.10 on outside any dump: a dump whose start the log lost (its oldest lines).
+  if (open < 0 && StartsWith(t, "task:") && parse_task(t, &parsed)) start("tasks, start lost");
+  if (open < 0) return;
   KernelDump& dump = dumps[open];
   if (++idle > 400 || (now >= 0 && last_s >= 0 && now - last_s > 10)) {
     open = task = -1;

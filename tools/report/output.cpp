@@ -3,6 +3,7 @@
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <map>
@@ -145,9 +146,14 @@ std::string kernel_blocker(const KernelDump& dump, int tid) {
     }
   }
   for (const KernelTask& task : dump.tasks) {
-    if (task.pid == tid && !task.owner.empty())
-      s += std::string(s.empty() ? "" : "; ") +
-           "the kernel names the lock's likely owner: " + task.owner;
+    if (task.pid != tid || task.owner.empty()) continue;
+    s += std::string(s.empty() ? "" : "; ") +
+         "the kernel names the lock's likely owner: " + task.owner;
+    int owner = atoi(task.owner.c_str() + task.owner.rfind(':') + 1);
+    for (const KernelTask& t : dump.tasks) {  // its stack follows in the same report
+      if (t.pid == owner && t.pid != tid && !t.stack.empty())
+        s += StringPrintf(" (%c), at %s", t.state, stack_line(t, 4).c_str());
+    }
   }
   return s;
 }

@@ -1,7 +1,8 @@
 // stall_ward_report: from logs to the story of each hang. The input side turns files (logcat in
-// threadtime form, a kernel log, a bug report or its zip) into classified lines; the story side
-// replays the daemon's lines and collects the kernel's blocked-task dumps; the output side writes
-// the text account, the HTML page and the JSON.
+// threadtime form, a kernel log, pstore's record, Java stack dumps, tombstones, a bug report or
+// its zip) into classified lines; one reader per kind of evidence (kernel.cpp, java.cpp,
+// native.cpp) turns lines into dumps; the story side replays the daemon's lines and joins the
+// dumps to it; the output side writes the text account, the HTML page and the JSON.
 #pragma once
 
 #include <stdint.h>
@@ -68,7 +69,9 @@ struct KernelTask {
 struct KernelDump {
   std::string clock;  // as the log printed it
   int64_t ms = -1;    // with a wall clock (logcat, dmesg -T); -1: the time since boot only
-  std::string kind = "SysRq w";  // or "hung task" (the kernel's own report), "SysRq l"
+  // "SysRq w", "hung task" (the kernel's own report), "SysRq l", or "tasks, start lost" (task lines
+  // whose dump began before the oldest line of the log)
+  std::string kind = "SysRq w";
   bool last_boot = false;
   int section = 0;   // Line::section of its start
   bool cut = false;  // its last task has no stack: the log ends or breaks inside it

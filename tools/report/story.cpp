@@ -1,14 +1,17 @@
 // Replays the daemon's log: each sweep's samples give a record's state and, counted by the daemon's
 // own rule (the same state and processor time grows the stall by one interval; another state,
 // more processor time, another run count or a state that is not watched starts it again), its
-// stall; "dumped" lines are the evidence and the policy lines the action. The kernel's blocked-task
-// dumps are collected on the way and attached at the end to what asked for them.
+// stall; "dumped" lines are the evidence and the policy lines the action. The kernel's dumps and
+// the Java and native stack dumps are read on the way by their own readers and attached at the end
+// to what asked for them (by process id and time). Runs, incidents and dumps are held by index.
 #include <android-base/strings.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
+#include <map>
+#include <unordered_map>
 
 #include "report.h"
 #include "stall_ward.h"
@@ -45,20 +48,27 @@ struct Context {
 struct Builder {
   Story story;
   std::vector<Context> contexts;  // one a run
-  Run* run = nullptr;
-  Context* ctx = nullptr;
+  int current = -1;               // the run (and its context) of the last daemon line, by index
   KernelReader kernel;
   JavaReader java;
   NativeReader native;
   int stack_section = -1;
-  // A bug report may hold its system log twice: a daemon line of a later section no newer than
-  // those of the sections before it is one read already (by boot: this one, the last one).
-  int log_section[2] = {-1, -1};
-  int64_t read_until[2] = {-1, -1}, section_until[2] = {-1, -1};
+  // A bug report may hold its system log twice: a daemon line that a section before this one
+  // held (the same boot, clock, ids and message) is one read already. By the line's hash, the
+  // section that first held it.
+  std::unordered_map<uint64_t, int> read;
   // What asked the kernel for a dump, in order: (run, incident), or (run, -1 - event) for the
   // self-watchdog.
   std::vector<std::pair<int, int>> asked;
 };
+
+Run* run_of(Builder* b) {
+  return &b->story.runs[b->current];
+}
+
+Context* ctx_of(Builder* b) {
+  return &b->contexts[b->current];
+}
 
 Mark mark(const Line& line, const char* kind, const std::string& text) {
   return Mark{line.ms, line.clock, kind, text};
@@ -73,20 +83,15 @@ void set_timeout(Run* run, int64_t timeout_s) {
 void start_run(Builder* b, const Line& line, bool started) {
   b->story.runs.emplace_back();
   b->contexts.emplace_back();
-  b->run = &b->story.runs.back();
-  b->ctx = &b->contexts.back();
-  b->run->pid = line.pid;
-  b->run->last_boot = line.from == Line::kLastBoot;
-  if (started) b->run->started = line.clock;
-  set_timeout(b->run, kDefaultTimeout);
-}
-
-int run_index(const Builder* b) {
-  return static_cast<int>(b->run - b->story.runs.data());
+  b->current = static_cast<int>(b->story.runs.size() - 1);
+  run_of(b)->pid = line.pid;
+  run_of(b)->last_boot = line.from == Line::kLastBoot;
+  if (started) run_of(b)->started = line.clock;
+  set_timeout(run_of(b), kDefaultTimeout);
 }
 
 Record& record(Builder* b, const std::string& name) {
-  Record& rec = b->run->records[name];
+  Record& rec = run_of(b)->records[name];
   rec.name = name;
   return rec;
 }
@@ -112,7 +117,7 @@ void set_since(Record* rec, const Line& line) {
 
 // The daemon's own count, settled once the lines after the sample are in.
 void close_sample(Builder* b) {
-  Sample& s = b->ctx->sample;
+  Sample& s = ctx_of(b)->sample;
   if (!s.open) return;
   s.open = false;
   if (!s.looked_up) return;
@@ -127,8 +132,8 @@ void close_sample(Builder* b) {
     rec.switches = 0;
     set_since(&rec, s.line);
   }
-  if (b->ctx->pid > 0) rec.pid = b->ctx->pid;
-  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
+  if (ctx_of(b)->pid > 0) rec.pid = ctx_of(b)->pid;
+  if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
   if (rec.cpu != s.cpu) rec.state = '?';
   rec.cpu = s.cpu;
   if (rec.state != s.state) {
@@ -136,7 +141,7 @@ void close_sample(Builder* b) {
     rec.state = s.state;
     set_since(&rec, s.line);
   } else {
-    rec.stall_ms += b->run->interval_ms;
+    rec.stall_ms += run_of(b)->interval_ms;
   }
   if (s.watched && s.switches != 0 && s.switches != rec.switches) {
     rec.switches = s.switches;
@@ -154,18 +159,18 @@ void close_sample(Builder* b) {
 void absent_thread(Builder* b, const Line& line, const std::string& name, bool shell) {
   close_sample(b);
   Record& rec = record(b, name);
-  if (shell && rec.pid != b->ctx->pid) {
+  if (shell && rec.pid != ctx_of(b)->pid) {
     rec.stall_ms = 0;
     rec.state = '?';
   }
   if (rec.stall_ms == 0) set_since(&rec, line);
   if (rec.points.empty() || rec.points.back().state != '-') {
     rec.marks.push_back(
-        mark(line, "not-started", "thread not found in pid " + std::to_string(b->ctx->pid)));
+        mark(line, "not-started", "thread not found in pid " + std::to_string(ctx_of(b)->pid)));
   }
-  rec.pid = b->ctx->pid;
-  if (!b->ctx->process.empty()) rec.process = b->ctx->process;
-  rec.stall_ms += b->run->interval_ms;
+  rec.pid = ctx_of(b)->pid;
+  if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
+  rec.stall_ms += run_of(b)->interval_ms;
   add_point(&rec, line, '-');
 }
 
@@ -182,9 +187,9 @@ int64_t alarm_ms(const Run& run) {
 // bound to `pid` (or whose zombie has `pid` as parent) in `state` when given, the longest stalled.
 Record* judged(Builder* b, int pid, char state, bool policy) {
   Record* best = nullptr;
-  for (auto& entry : b->run->records) {
+  for (auto& entry : run_of(b)->records) {
     Record& rec = entry.second;
-    if (rec.stall_ms < alarm_ms(*b->run)) continue;
+    if (rec.stall_ms < alarm_ms(*run_of(b))) continue;
     bool target = pid < 0 || rec.pid == pid || (policy && seen(rec) == 'Z' && rec.ppid == pid);
     if (!target || (state != 0 && seen(rec) != state) || (policy && !rec.reported)) continue;
     if (best == nullptr || rec.stall_ms > best->stall_ms) best = &rec;
@@ -202,17 +207,17 @@ Incident& open_incident(Builder* b, Record* rec) {
     in.tid = rec->tid;
     in.state = seen(*rec);
     in.since = rec->since_clock;
-    rec->incident = static_cast<int>(b->run->incidents.size());
-    b->run->incidents.push_back(in);
+    rec->incident = static_cast<int>(run_of(b)->incidents.size());
+    run_of(b)->incidents.push_back(in);
   }
-  return b->run->incidents[rec->incident];
+  return run_of(b)->incidents[rec->incident];
 }
 
 void evidence(Builder* b, const Line& line, int pid, char state) {
   close_sample(b);
   Record* rec = judged(b, pid, state, false);
   if (rec == nullptr) {
-    b->run->events.push_back(
+    run_of(b)->events.push_back(
         mark(line, "evidence",
              "evidence for pid " + std::to_string(pid) + " of a record not seen in the log"));
     return;
@@ -236,7 +241,7 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
   add_point(rec, line, was);
   rec->marks.push_back(mark(line, "evidence", what));
   if (was == 'D' || was == 'Z') {
-    b->asked.emplace_back(run_index(b), rec->incident);
+    b->asked.emplace_back(b->current, rec->incident);
   }
 }
 
@@ -244,7 +249,7 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   close_sample(b);
   Record* rec = judged(b, pid, 0, true);
   if (rec == nullptr) {
-    b->run->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
+    run_of(b)->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
     return;
   }
   Incident& in = open_incident(b, rec);
@@ -258,7 +263,7 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
   add_point(rec, line, seen(*rec));
   rec->marks.push_back(mark(line, "policy", what));
   if (what == "kernel panic") {
-    b->asked.emplace_back(run_index(b), rec->incident);
+    b->asked.emplace_back(b->current, rec->incident);
   }
 }
 
@@ -266,24 +271,24 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
 // every count that reached the timeout.
 void start_sweep(Builder* b, bool way_known, bool proc_walk) {
   close_sample(b);
-  for (auto& entry : b->run->records) {
-    if (entry.second.stall_ms >= alarm_ms(*b->run)) entry.second.stall_ms = 0;
+  for (auto& entry : run_of(b)->records) {
+    if (entry.second.stall_ms >= alarm_ms(*run_of(b))) entry.second.stall_ms = 0;
   }
-  b->ctx->sweep_way_known = way_known;
-  if (way_known) ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
-  b->ctx->pid = -1;
-  b->ctx->process.clear();
+  ctx_of(b)->sweep_way_known = way_known;
+  if (way_known) ++(proc_walk ? run_of(b)->sweeps_proc : run_of(b)->sweeps_shell);
+  ctx_of(b)->pid = -1;
+  ctx_of(b)->process.clear();
 }
 
 void set_way(Builder* b, bool proc_walk) {
-  if (b->ctx->sweep_way_known) return;
-  b->ctx->sweep_way_known = true;
-  ++(proc_walk ? b->run->sweeps_proc : b->run->sweeps_shell);
+  if (ctx_of(b)->sweep_way_known) return;
+  ctx_of(b)->sweep_way_known = true;
+  ++(proc_walk ? run_of(b)->sweeps_proc : run_of(b)->sweeps_shell);
 }
 
 void setting(Builder* b, const std::string& key, const std::string& value) {
-  b->run->settings[key] = value;
-  if (key == kPropTimeout) set_timeout(b->run, atoll(value.c_str()));
+  run_of(b)->settings[key] = value;
+  if (key == kPropTimeout) set_timeout(run_of(b), atoll(value.c_str()));
 }
 
 void daemon_line(Builder* b, const Line& line) {
@@ -293,7 +298,7 @@ void daemon_line(Builder* b, const Line& line) {
     return;
   }
   bool last_boot = line.from == Line::kLastBoot;
-  if (b->run == nullptr || b->run->pid != line.pid || b->run->last_boot != last_boot) {
+  if (b->current < 0 || run_of(b)->pid != line.pid || run_of(b)->last_boot != last_boot) {
     size_t i = b->story.runs.size();
     while (i > 0 &&
            (b->story.runs[i - 1].pid != line.pid || b->story.runs[i - 1].last_boot != last_boot)) {
@@ -302,60 +307,59 @@ void daemon_line(Builder* b, const Line& line) {
     if (i == 0) {
       start_run(b, line, false);  // its start is not in the log
     } else {
-      b->run = &b->story.runs[i - 1];
-      b->ctx = &b->contexts[i - 1];
+      b->current = static_cast<int>(i - 1);
     }
   }
-  Run& run = *b->run;
+  Run& run = *run_of(b);
   ++run.lines;
   int a = 0, c = 0;
   unsigned u1 = 0, u2 = 0, u3 = 0, u4 = 0;
   unsigned long long count = 0;
   char state = 0, text[256] = {}, more[256] = {};
-  auto listing = b->ctx->listing;
-  b->ctx->listing = Context::kNone;
+  auto listing = ctx_of(b)->listing;
+  ctx_of(b)->listing = Context::kNone;
   if (StartsWith(m, "get ")) {
     size_t eq = m.find(" =");
     if (eq != std::string::npos) setting(b, m.substr(4, eq - 4), m.substr(eq + 2));
   } else if (sscanf(m.c_str(), "monitor %255s threads%c", text, &state) == 2 && state == ':') {
     run.watches.push_back(std::string(text) + ":");
-    b->ctx->listing = Context::kThreads;
+    ctx_of(b)->listing = Context::kThreads;
   } else if (sscanf(m.c_str(), "monitor %255s main%c", text, &state) == 1) {
     run.watches.push_back(std::string(text) + ": main thread");
   } else if (m == "mTids:") {
-    b->ctx->listing = Context::kRecords;
+    ctx_of(b)->listing = Context::kRecords;
   } else if (listing != Context::kNone) {
     if (listing == Context::kThreads && !run.watches.empty()) {
       run.watches.back() += (run.watches.back().back() == ':' ? " " : ", ") + m;
     } else if (listing == Context::kRecords) {
       record(b, m);  // known before any sample, so that a process never started shows
     }
-    b->ctx->listing = listing;
+    ctx_of(b)->listing = listing;
   } else if (m == "[sh] cmd=ps -e |grep stall_ward") {
     start_sweep(b, false, false);
   } else if (m == "go through proc") {
-    if (b->ctx->sweep_way_known) start_sweep(b, true, true);
+    if (ctx_of(b)->sweep_way_known) start_sweep(b, true, true);
     set_way(b, true);
   } else if (StartsWith(m, "[sh] cmd=ps -e|grep ")) {
     close_sample(b);
     set_way(b, false);
-    b->ctx->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
-    b->ctx->pid = -1;
+    ctx_of(b)->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
+    ctx_of(b)->pid = -1;
   } else if (sscanf(m.c_str(), "[sh] cmd=ps -T -p %d", &a) == 1 ||
              sscanf(m.c_str(), "reading /proc/%d/task/%d", &a, &c) == 2) {
     close_sample(b);
-    b->ctx->pid = a;
+    ctx_of(b)->pid = a;
   } else if (sscanf(m.c_str(), "find monitored proc %d:%255s", &a, text) == 2) {
     close_sample(b);
-    b->ctx->pid = a;
-    b->ctx->process = text;
+    ctx_of(b)->pid = a;
+    ctx_of(b)->process = text;
   } else if (sscanf(m.c_str(),
                     "match=%d, tid=%u, comm=%255[^,], state=%c, ppid=%u, utime=%u, stime=%u", &a,
                     &u1, text, &state, &u2, &u3, &u4) == 7) {
     close_sample(b);
     if (a != 6) return;
-    b->ctx->sample = Sample();
-    Sample& s = b->ctx->sample;
+    ctx_of(b)->sample = Sample();
+    Sample& s = ctx_of(b)->sample;
     s.open = true;
     s.comm = text;
     s.tid = static_cast<int>(u1);
@@ -364,19 +368,20 @@ void daemon_line(Builder* b, const Line& line) {
     s.cpu = static_cast<uint64_t>(u3) + u4;
     s.line = line;
   } else if (StartsWith(m, "find record for ")) {
-    if (b->ctx->sample.open && m.substr(16) == b->ctx->sample.comm) b->ctx->sample.looked_up = true;
+    if (ctx_of(b)->sample.open && m.substr(16) == ctx_of(b)->sample.comm)
+      ctx_of(b)->sample.looked_up = true;
   } else if (sscanf(m.c_str(), "change tid=%u comm=%255s cmd=%255[^\n]", &u1, text, more) >= 2) {
-    b->ctx->sample.rebound = true;
-    b->ctx->sample.cmd = more;
+    ctx_of(b)->sample.rebound = true;
+    ctx_of(b)->sample.cmd = more;
   } else if (sscanf(m.c_str(), "switches:%llu", &count) == 1) {
-    b->ctx->sample.watched = true;
-    b->ctx->sample.switches = count;
+    ctx_of(b)->sample.watched = true;
+    ctx_of(b)->sample.switches = count;
     close_sample(b);
   } else if (StartsWith(m, "Not monitor state=")) {
-    b->ctx->sample.watched = false;
+    ctx_of(b)->sample.watched = false;
     close_sample(b);
   } else if (StartsWith(m, "read schedstat failed")) {
-    b->ctx->sample.watched = true;
+    ctx_of(b)->sample.watched = true;
     close_sample(b);
   } else if (sscanf(m.c_str(), "thread %255s not star%c", text, &state) == 2 ||
              sscanf(m.c_str(), "[sh] thread %255s not foun%c", text, &state) == 2) {
@@ -412,7 +417,7 @@ void daemon_line(Builder* b, const Line& line) {
     run.events.push_back(mark(line, "alarm",
                               "the daemon's own loop did not come back within the "
                               "timeout: SysRq w, l"));
-    b->asked.emplace_back(run_index(b), -1 - static_cast<int>(run.events.size() - 1));
+    b->asked.emplace_back(b->current, -1 - static_cast<int>(run.events.size() - 1));
   } else if (sscanf(m.c_str(), "long time cost: %d", &a) == 1) {
     run.events.push_back(mark(line, "slow", "a sweep took " + std::to_string(a) + " ms"));
   } else if (m == "open sysrq failed!" || m == "init failed because of open proc" ||
@@ -421,17 +426,14 @@ void daemon_line(Builder* b, const Line& line) {
   }
 }
 
-// A daemon line of a later section no newer than those of the sections before it.
+// A daemon line that an earlier section held.
 bool repeated(Builder* b, const Line& line) {
-  int boot = line.from == Line::kLastBoot;
-  if (line.section != b->log_section[boot]) {
-    b->log_section[boot] = line.section;
-    b->read_until[boot] = std::max(b->read_until[boot], b->section_until[boot]);
-    b->section_until[boot] = -1;
-  }
-  if (line.ms >= 0 && line.ms <= b->read_until[boot]) return true;
-  b->section_until[boot] = std::max(b->section_until[boot], line.ms);
-  return false;
+  uint64_t key = std::hash<std::string>()(line.clock + " " + std::to_string(line.pid) + " " +
+                                          std::to_string(line.tid) + " " + line.text) *
+                     2 +
+                 (line.from == Line::kLastBoot);
+  auto [it, added] = b->read.emplace(key, line.section);
+  return !added && it->second != line.section;
 }
 
 void stack_line(Builder* b, const Line& line) {
@@ -462,7 +464,7 @@ void add_line(Builder* b, const Line& line) {
 // most 10 s before it; with the time since boot only (dmesg), in order, counted from the last of
 // the same boot, since a kernel log loses its oldest lines first. The SysRq l dump after it goes
 // with it. An incident whose thread no SysRq w dump lists takes the kernel's own hung-task report
-// of it, the last one of its boot.
+// of it (or a dump whose start the log lost), the last one of its boot.
 void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
@@ -520,7 +522,8 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
         continue;
       for (size_t d = 0; d < story->dumps.size(); ++d) {
         const KernelDump& dump = story->dumps[d];
-        if (dump.kind == "hung task" && dump.last_boot == run.last_boot && lists(d)) {
+        if (dump.kind != "SysRq w" && dump.kind != "SysRq l" && dump.last_boot == run.last_boot &&
+            lists(d)) {
           in.dump = static_cast<int>(d);
           story->dumps[d].answers = "evidence for " + in.record;
         }
@@ -560,7 +563,6 @@ void attach_stacks(Story* story) {
 
 Story build_story(const std::vector<std::string>& paths) {
   Builder b;
-  // b.run and b.ctx point at an element of their vectors, set anew at each growth.
   Sink sink;
   sink.line = [&b](const Line& line) { add_line(&b, line); };
   sink.every_line = [&b] { return b.kernel.open >= 0; };
@@ -577,8 +579,7 @@ Story build_story(const std::vector<std::string>& paths) {
   b.story.stacks = std::move(b.java.dumps);
   for (ProcessDump& dump : b.native.dumps) b.story.stacks.push_back(std::move(dump));
   for (size_t i = 0; i < b.contexts.size(); ++i) {
-    b.run = &b.story.runs[i];
-    b.ctx = &b.contexts[i];
+    b.current = static_cast<int>(i);
     close_sample(&b);
   }
   attach_dumps(&b.story, b.asked);
