@@ -335,19 +335,18 @@ void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* 
                const Sink& sink) {
   while (!l.empty() && l.back() == '\r') l.remove_suffix(1);
   if (!filter->wants(l)) return;
+  if (filter->from != Line::kStackDump) {
+    if (l.empty() || starts(l, "--------- beginning of ")) return;
+    ++stats->lines;
+    if (!cut && passed_over(l) && !sink.every_line()) return;
+  }
   Line line;
   line.from = filter->from;
   line.section = filter->section;
   if (line.from == Line::kStackDump) {
     line.tag = filter->source;
     line.text = l;
-    sink.line(line);
-    return;
-  }
-  if (l.empty() || starts(l, "--------- beginning of ")) return;
-  ++stats->lines;
-  if (!cut && !sink.every_line() && passed_over(l)) return;
-  if (cut || !parse_line(std::string(l), &line)) {
+  } else if (cut || !parse_line(std::string(l), &line)) {
     ++stats->unreadable;
     return;
   }
