@@ -57,7 +57,7 @@ def remap_ids(log, rng):
 
 
 def device_addresses(text, rng):
-    """Offsets, addresses and build ids as another build of the same code has them."""
+    """Offsets, addresses, build ids and line numbers as another build of the same code has them."""
     hexa = lambda m: m.group(1) + "%x" % rng.randrange(16, 4096)
     text = re.sub(r"(\+0x)[0-9a-f]+", hexa, text)
     text = re.sub(r"(/0x)[0-9a-f]+", hexa, text)
@@ -65,6 +65,7 @@ def device_addresses(text, rng):
     text = re.sub(r"(pc )[0-9a-f]{16}", lambda m: m.group(1) + "%016x" % rng.getrandbits(40), text)
     text = re.sub(r"(BuildId: )[0-9a-f]+", lambda m: m.group(1) + "%032x" % rng.getrandbits(128),
                   text)
+    text = re.sub(r"(\.java:)\d+", lambda m: m.group(1) + str(rng.randrange(30, 9000)), text)
     return re.sub(r"\+(\d+)\)", lambda m: "+%d)" % rng.randrange(4, 4000), text)
 
 
@@ -148,10 +149,10 @@ if __name__ == "__main__":
     out, COUNT = sys.argv[1], int(sys.argv[2])
     filler_kb = int(sys.argv[3]) if len(sys.argv) > 3 else 64
     os.makedirs(out, exist_ok=True)
-    rng = random.Random(20)
+    rng, kinds = random.Random(20), random.Random(18)  # the kinds drawn apart: the same any size
     expected = []
     for i in range(COUNT):
-        kind = KINDS[i % len(KINDS)] if i < len(KINDS) else rng.choices(KINDS, WEIGHTS)[0]
+        kind = KINDS[i % len(KINDS)] if i < len(KINDS) else kinds.choices(KINDS, WEIGHTS)[0]
         serial, entry, text, files = bugreport(i, kind, rng, filler_kb)
         path = os.path.join(out, "bugreport-%04d.zip" % i)
         write_zip(path, entry, text, files)

@@ -52,7 +52,8 @@ std::string kernel_function(std::string f) {
 }
 
 // A Java frame "pkg.Class$1.lambda$run$0$Class(Class.java:12)" as "pkg.Class$.lambda$run$$Class":
-// without the file and line, numbered anonymous classes and lambdas, and addresses.
+// without the file and line, the numbers of anonymous classes and lambdas ("$$Lambda$12/0x...",
+// "$$ExternalSyntheticLambda3"), and addresses.
 std::string java_function(const std::string& f) {
   std::string name = f.substr(0, f.find('('));
   std::string out;
@@ -62,7 +63,8 @@ std::string java_function(const std::string& f) {
       continue;
     }
     out += name[i];
-    if (name[i] == '$') {
+    bool lambda = out.size() >= 6 && out.compare(out.size() - 6, 6, "Lambda") == 0;
+    if (name[i] == '$' || lambda) {  // "$1", "$$Lambda$12", "$$ExternalSyntheticLambda3"
       while (i + 1 < name.size() && isdigit(static_cast<unsigned char>(name[i + 1]))) ++i;
     }
   }
@@ -85,8 +87,10 @@ std::string native_function(const std::string& f) {
     }
     out += f[i];
   }
-  size_t offset = out.find(" (offset )");
-  if (offset != std::string::npos) out.erase(offset, 10);
+  for (const char* left : {" (offset )", " ()"}) {  // what was only an address
+    size_t at = out.find(left);
+    if (at != std::string::npos) out.erase(at, strlen(left));
+  }
   return android::base::Trim(out);
 }
 
