@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "helpers.h"
 
@@ -253,8 +252,10 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
   TempDir dir;
   for (const auto& [file, pid, frame] : cases) {
     SCOPED_TRACE(file);
-    std::string dmesg = std::regex_replace(
-        kernel(file, tid), std::regex(std::string("\\b") + pid + "\\b"), std::to_string(tid));
+    std::string dmesg = kernel(file, tid), id = std::to_string(tid);  // in the task's line
+    dmesg = android::base::StringReplace(dmesg, " " + std::string(pid) + " ", " " + id + " ", true);
+    dmesg = android::base::StringReplace(dmesg, "pid:" + std::string(pid) + " ", "pid:" + id + " ",
+                                         true);
     write_file(dir.path("bugreport.txt"), bugreport(log, dmesg));
     json s = story({dir.path("bugreport.txt")});
     Lines stack;
@@ -306,9 +307,8 @@ TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
   write_file(dir.path("anr/trace_00"), java);
   write_file(dir.path("tombstone_01"), tombstone);
   write_file(dir.path("console-ramoops-0"), dmesg);
-  write_file(
-      dir.path("dmesg-ramoops-0"),
-      "Panic#1 Part1\n" + std::regex_replace(dmesg, std::regex("^", std::regex::multiline), "<6>"));
+  write_file(dir.path("dmesg-ramoops-0"),
+             "Panic#1 Part1\n<6>" + android::base::StringReplace(dmesg, "\n", "\n<6>", true));
   for (const Lines& inputs :
        {Lines{"bugreport.txt", "tombstone_01", "console-ramoops-0"},
         Lines{"anr.zip", "dmesg-ramoops-0"}, Lines{"without.zip", "anr"}, Lines{"without.zip"}}) {
