@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "helpers.h"
+#include "report/fleet.h"
 
 using nlohmann::json;
 
@@ -389,6 +390,46 @@ TEST(Report, AFleetCountsEachHangUnderOneSignature) {
   Child sql = spawn("/usr/bin/sqlite3", {"sqlite3", "-header", "-separator", " | ", "-cmd",
                                          ".cd " + dir.path(""), ":memory:", ".read " SUMMARY_SQL});
   EXPECT_EQ(sql.read_all(), out[0]);
+}
+
+// What differs from build to build is dropped from a signature (offsets, compiler suffixes,
+// addresses, line numbers, numbered classes and lambdas); another place or lock makes another.
+TEST(Report, ASignatureKeepsThePlaceAndDropsTheBuild) {
+  const std::tuple<char, Lines, Lines, bool> cases[] = {
+      // kind of stack, two stacks, same hang
+      {'k',
+       {"__switch_to", "schedule", "__wait_for_common", "binder_thread_read"},
+       {"__schedule", "schedule_timeout", "wait_for_common.constprop.0", "binder_thread_read"},
+       1},
+      {'k', {"schedule", "rwsem_down_read_slowpath", "down_read"}, {"schedule", "mutex_lock"}, 0},
+      {'j',
+       {"a.B$1.run(B.java:12)", "- locked <0x1a> (a a.C)", "a.B$$Lambda$12/0x801.f(B.java)"},
+       {"a.B$2.run(B.java:40)", "a.B$$Lambda$9/0xabc.f(B.java)"},
+       1},
+      {'j', {"a.B.run(B.java:12)"}, {"a.B.walk(B.java:12)"}, 0},
+      {'n',
+       {"libart.so (art::Monitor::Lock(art::Thread*)+4020)"},
+       {"libart.so (art::Monitor::Lock(art::Thread*)+96)"},
+       1},
+  };
+  for (const auto& [kind, a, b, same] : cases) {
+    std::string signature[2];
+    for (int i : {0, 1}) {
+      report::Story s;
+      s.runs.emplace_back().incidents.push_back({});
+      report::Incident& in = s.runs[0].incidents[0];
+      in.tid = 7;
+      if (kind == 'k') {
+        in.dump = 0;
+        s.dumps.emplace_back().tasks.push_back({"watchdog", 'D', 7, 1, i ? b : a, ""});
+      } else {
+        (kind == 'j' ? in.java : in.native) = 0;
+        s.stacks.emplace_back().threads.push_back({"watchdog", "", 7, 0, i ? b : a, "", 0});
+      }
+      signature[i] = report::hangs_of(s, "x")[0].signature;
+    }
+    EXPECT_EQ(signature[0] == signature[1], same) << a[0];
+  }
 }
 
 }  // namespace
