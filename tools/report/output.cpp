@@ -258,6 +258,16 @@ std::string escape(const std::string& text) {
   return out;
 }
 
+// Escaped text with places to break a line inside long names (Java frames, library paths).
+std::string breakable(const std::string& escaped) {
+  std::string out;
+  for (char c : escaped) {
+    out += c;
+    if (c == '.' || c == '/' || c == '(') out += "<wbr>";
+  }
+  return out;
+}
+
 const char* state_colour(char state) {
   switch (state) {
     case 'D':
@@ -333,16 +343,17 @@ std::string stacks_html(const Story& story, const Incident& in) {
         "<tr class=\"stacks\"><td>" +
         escape(std::string(dump.java ? "Java" : "native") + " stack, " + dump.when + " (" +
                dump.source + ")") +
-        (blocker.empty() ? ""
-                         : "<p class=\"blocker\">" +
-                               escape((deadlock ? "Deadlock: " : "Blocker: ") + blocker) + "</p>") +
-        "</td><td><pre>" + escape(android::base::Join(dump.threads[t].stack, "\n")) +
+        (blocker.empty()
+             ? ""
+             : "<p class=\"blocker\">" +
+                   breakable(escape((deadlock ? "Deadlock: " : "Blocker: ") + blocker)) + "</p>") +
+        "</td><td><pre>" + breakable(escape(android::base::Join(dump.threads[t].stack, "\n"))) +
         "</pre></td></tr>\n";
   }
   std::string kernel = in.dump >= 0 ? kernel_blocker(story.dumps[in.dump], in.tid) : "";
   if (!kernel.empty())
     cells += "<tr class=\"stacks\"><td colspan=\"2\" class=\"blocker\">In the kernel: " +
-             escape(kernel) + "</td></tr>\n";
+             breakable(escape(kernel)) + "</td></tr>\n";
   return cells;
 }
 
@@ -440,7 +451,8 @@ std::string html_report(const Story& story) {
          "stack</th></tr>\n";
     for (const Incident& in : run.incidents) {
       const KernelTask* task = in.dump >= 0 ? task_of(story.dumps[in.dump], in.tid) : nullptr;
-      h += "<tr class=\"incident\"><td>" + escape(incident_text(story, in)) + "</td><td>" +
+      h += "<tr class=\"incident\"><td>" + breakable(escape(incident_text(story, in))) +
+           "</td><td>" +
            (task != nullptr ? "<pre>" + escape(android::base::Join(task->stack, "\n")) + "</pre>"
                             : "") +
            "</td></tr>\n" + stacks_html(story, in);
