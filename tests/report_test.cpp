@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "helpers.h"
+#include "report/fleet.h"
 
 using nlohmann::json;
 
@@ -391,6 +392,95 @@ TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
     EXPECT_TRUE(s["runs"][1]["last_boot"]);
     EXPECT_EQ(panic["actions"].back()["what"], "panic");
     EXPECT_EQ(s["kernel_dumps"][panic["kernel_dump"].get<int>()]["tasks"][0]["pid"], panic_tid);
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// A fleet from scripts/make-fleet.py: the same hangs on many devices, builds and kernels (their
+// own ids, addresses and times), other hangs, reports without incident, and one zip cut short. Each
+// kind of hang is one signature, --summary counts it, and sqlite3's query over --jsonl gives the
+// same table; the cut zip is named and skipped.
+TEST(Report, AFleetCountsEachHangUnderOneSignature) {
+  TempDir dir;
+  const std::string fleet = dir.path("fleet");
+  ASSERT_EQ(spawn(MAKE_FLEET_PATH, {"make-fleet.py", fleet, "60", "16"}).wait(120000), 0);
+  std::map<std::string, std::string> kind;  // of each bug report
+  std::map<std::string, int> reports;       // of each kind
+  for (const std::string& row : android::base::Split(read_file(fleet + ".tsv"), "\n")) {
+    Lines f = android::base::Split(row, "\t");
+    if (f.size() == 2) ++reports[kind[f[0]] = f[1]];
+  }
+  std::string out[2];
+  for (int jsonl : {0, 1}) {
+    Child tool = spawn(STALL_WARD_REPORT_PATH,
+                       {"stall_ward_report", jsonl ? "--jsonl" : "--summary", "--jobs", "2", fleet},
+                       dir.path("err"));
+    out[jsonl] = tool.read_all();
+    EXPECT_EQ(WEXITSTATUS(tool.wait(60000)), 2);
+    EXPECT_NE(read_file(dir.path("err")).find("fleet/bugreport-damaged.zip: a damaged"),
+              std::string::npos);
+  }
+  std::map<std::string, std::string> signature;  // of each kind
+  std::map<std::string, int> counted;            // by the table, of each signature
+  for (const std::string& line : android::base::Split(android::base::Trim(out[1]), "\n")) {
+    json j = json::parse(line);
+    std::string& s = signature[kind[j["bugreport"]]];
+    EXPECT_TRUE(s.empty() || s == j["signature"]) << line;
+    s = j["signature"];
+  }
+  for (const std::string& row : android::base::Split(android::base::Trim(out[0]), "\n"))
+    counted[row.substr(row.rfind(' ') + 1)] = atoi(row.c_str());
+  for (const char* k : {"binder", "fuse", "zombie", "deadlock"}) {
+    EXPECT_EQ(counted[signature[k]], reports[k]) << k;
+    counted.erase(signature[k]);
+  }
+  EXPECT_EQ(counted.size(), 1u) << "a row per kind of hang, and the table's header";
+  write_file(dir.path("incidents.jsonl"), out[1]);
+  Child sql = spawn("/usr/bin/sqlite3", {"sqlite3", "-header", "-separator", " | ", "-cmd",
+                                         ".cd " + dir.path(""), ":memory:", ".read " SUMMARY_SQL});
+  EXPECT_EQ(sql.read_all(), out[0]);
+}
+
+// What differs from build to build is dropped from a signature (offsets, compiler suffixes,
+// addresses, line numbers, numbered classes and lambdas); another place or lock makes another.
+TEST(Report, ASignatureKeepsThePlaceAndDropsTheBuild) {
+  const std::tuple<char, Lines, Lines, bool> cases[] = {
+      // kind of stack, two stacks, same hang
+      {'k',
+       {"__switch_to", "schedule", "__wait_for_common", "binder_thread_read"},
+       {"__schedule", "schedule_timeout", "wait_for_common.constprop.0", "binder_thread_read"},
+       1},
+      {'k', {"schedule", "rwsem_down_read_slowpath", "down_read"}, {"schedule", "mutex_lock"}, 0},
+      {'j',
+       {"a.B$1.run(B.java:12)", "- locked <0x1a> (a a.C)", "a.B$$Lambda$12/0x801.f(B.java)"},
+       {"a.B$2.run(B.java:40)", "a.B$$Lambda$9/0xabc.f(B.java)"},
+       1},
+      {'j', {"a.B.run(B.java:12)"}, {"a.B.walk(B.java:12)"}, 0},
+      {'n',
+       {"libart.so (art::Monitor::Lock(art::Thread*)+4020)"},
+       {"libart.so (art::Monitor::Lock(art::Thread*)+96)"},
+       1},
+  };
+  for (const auto& [kind, a, b, same] : cases) {
+    std::string signature[2];
+    for (int i : {0, 1}) {
+      report::Story s;
+      s.runs.emplace_back().incidents.push_back({});
+      report::Incident& in = s.runs[0].incidents[0];
+      in.tid = 7;
+      if (kind == 'k') {
+        in.dump = 0;
+        s.dumps.emplace_back().tasks.push_back({"watchdog", 'D', 7, 1, i ? b : a, {}, ""});
+      } else {
+        (kind == 'j' ? in.java : in.native) = 0;
+        s.stacks.emplace_back().threads.push_back({"watchdog", "", 7, 0, i ? b : a, "", 0});
+      }
+      signature[i] = report::hangs_of(s, "x")[0].signature;
+    }
+    EXPECT_EQ(signature[0] == signature[1], same) << a[0];
   }
 }
 

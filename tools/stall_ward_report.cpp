@@ -2,15 +2,20 @@
 #include <android-base/file.h>
 #include <getopt.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sysexits.h>
 #include <time.h>
+#include <unistd.h>
 
+#include "report/fleet.h"
 #include "report/report.h"
 
 static const char kHelp[] =
     "usage: stall_ward_report [--html FILE] [--json] [--stats] INPUT...\n"
+    "       stall_ward_report --summary [--html FILE] [--jobs N] INPUT...\n"
+    "       stall_ward_report --jsonl [--jobs N] INPUT...\n"
     "\n"
     "Reads device logs and dumps and tells, per run of stall_ward and per watched name, what the\n"
     "daemon saw and did: its configuration, each sweep (the /proc walk or ps), the thread bound\n"
@@ -48,6 +53,17 @@ static const char kHelp[] =
     "               with the year and zone where the input gives them; README has its fields)\n"
     "  --stats      end with the time taken and the peak memory, on stderr\n"
     "\n"
+    "A fleet: each INPUT (a folder: every file under it) is one device's bug report, read on its\n"
+    "own, all at once on every processor; each incident is signed (README: the signature):\n"
+    "  --summary    one row per signature: count, distinct devices and builds, first and last\n"
+    "               seen, process, thread, state, top frames, blocker; with --html FILE, the\n"
+    "               table linking each signature to its incidents\n"
+    "  --jsonl      one incident a line, as JSON (README: the schema and the query that gives\n"
+    "               the --summary table from it)\n"
+    "  --jobs N     read N inputs at a time (default: one per processor)\n"
+    "An input that cannot be read is named on stderr and skipped; the others are read. A\n"
+    "progress line goes to stderr when it is a terminal.\n"
+    "\n"
     "With the daemon's debug logging off (persist.vendor.sw.debug=0) its log holds only its "
     "start;\n"
     "the report says so and still lists each SysRq dump in the kernel log.\n"
@@ -57,14 +73,15 @@ static const char kHelp[] =
 int main(int argc, char** argv) {
   std::vector<std::string> inputs;
   std::string html;
-  bool json = false, stats = false;
+  bool json = false, stats = false, summary = false, jsonl = false;
+  int jobs = 0;
   timespec start = {};
   clock_gettime(CLOCK_MONOTONIC, &start);
-  const option options[] = {{"html", required_argument, nullptr, 'o'},
-                            {"json", no_argument, nullptr, 'j'},
-                            {"stats", no_argument, nullptr, 's'},
-                            {"help", no_argument, nullptr, 'h'},
-                            {nullptr, 0, nullptr, 0}};
+  const option options[] = {
+      {"html", required_argument, nullptr, 'o'}, {"json", no_argument, nullptr, 'j'},
+      {"stats", no_argument, nullptr, 's'},      {"summary", no_argument, nullptr, 'S'},
+      {"jsonl", no_argument, nullptr, 'l'},      {"jobs", required_argument, nullptr, 'J'},
+      {"help", no_argument, nullptr, 'h'},       {nullptr, 0, nullptr, 0}};
   for (int c; (c = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
     if (c == 'o') {
       html = optarg;
@@ -72,6 +89,12 @@ int main(int argc, char** argv) {
       json = true;
     } else if (c == 's') {
       stats = true;
+    } else if (c == 'S') {
+      summary = true;
+    } else if (c == 'l') {
+      jsonl = true;
+    } else if (c == 'J' && atoi(optarg) > 0) {
+      jobs = atoi(optarg);
     } else if (c == 'h') {
       fputs(kHelp, stdout);
       return EX_OK;
@@ -83,13 +106,40 @@ int main(int argc, char** argv) {
   inputs.assign(argv + optind, argv + argc);
   if (inputs.empty()) {
     fputs(kHelp, stderr);
+    return 2;
+  }
+  if ((summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
+    fputs(kHelp, stderr);
     return EX_USAGE;
   }
-  report::Story story = report::build_story(inputs);
-  fputs((json ? report::json_report(story) : report::text_report(story)).c_str(), stdout);
-  if (!html.empty() && !android::base::WriteStringToFile(report::html_report(story), html)) {
-    fprintf(stderr, "stall_ward_report: cannot write %s\n", html.c_str());
-    return 2;
+  bool failed = false;
+  if (summary || jsonl) {
+    report::Summary table;
+    table.pages = !html.empty();
+    report::FleetStats fleet = report::read_fleet(
+        inputs, jobs, isatty(STDERR_FILENO) != 0, stderr, [&](std::vector<report::Hang>&& hangs) {
+          for (report::Hang& h : hangs) {
+            if (jsonl) {
+              fputs(report::jsonl_line(h).c_str(), stdout);
+            } else {
+              table.add(std::move(h));
+            }
+          }
+        });
+    if (summary) fputs(table.table().c_str(), stdout);
+    failed = fleet.damaged > 0;
+    if (!html.empty() && !android::base::WriteStringToFile(table.html(fleet), html)) {
+      fprintf(stderr, "stall_ward_report: cannot write %s\n", html.c_str());
+      return 2;
+    }
+  } else {
+    report::Story story = report::build_story(inputs);
+    fputs((json ? report::json_report(story) : report::text_report(story)).c_str(), stdout);
+    if (!html.empty() && !android::base::WriteStringToFile(report::html_report(story), html)) {
+      fprintf(stderr, "stall_ward_report: cannot write %s\n", html.c_str());
+      return 2;
+    }
+    failed = !story.input.errors.empty();
   }
   if (stats) {
     timespec end = {};
@@ -100,5 +150,5 @@ int main(int argc, char** argv) {
             static_cast<double>(end.tv_sec - start.tv_sec) + (end.tv_nsec - start.tv_nsec) / 1e9,
             usage.ru_maxrss);
   }
-  return story.input.errors.empty() ? 0 : 2;
+  return failed ? 2 : 0;
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 
 #include "report.h"
 
@@ -155,7 +156,8 @@ bool parse_kernel(const std::string& raw, Line* line) {
   return true;
 }
 
-// Hands out the lines of a stream given in chunks; a line longer than kMaxLine is cut there.
+// Hands out the lines of a stream given in chunks, in place where a line lies within a chunk; a
+// line longer than kMaxLine is cut there.
 struct LineSplitter {
   std::string pending;
   bool cut = false;
@@ -164,11 +166,16 @@ struct LineSplitter {
     for (size_t i = 0; i < size;) {
       const char* nl = static_cast<const char*>(memchr(data + i, '\n', size - i));
       size_t len = (nl != nullptr ? nl - data : size) - i;
+      if (nl != nullptr && pending.empty() && len <= kMaxLine) {
+        emit(std::string_view(data + i, len), false);
+        i += len + 1;
+        continue;
+      }
       size_t room = kMaxLine - std::min(kMaxLine, pending.size());
       if (len > room) cut = true;
       pending.append(data + i, std::min(len, room));
       if (nl == nullptr) break;
-      emit(pending, cut);
+      emit(std::string_view(pending), cut);
       pending.clear();
       cut = false;
       i += len + 1;
@@ -176,53 +183,73 @@ struct LineSplitter {
   }
   template <typename Emit>
   void end(const Emit& emit) {
-    if (!pending.empty()) emit(pending, cut);
+    if (!pending.empty()) emit(std::string_view(pending), cut);
     pending.clear();
   }
 };
 
+bool starts(std::string_view s, std::string_view prefix) {
+  return s.size() >= prefix.size() && memcmp(s.data(), prefix.data(), prefix.size()) == 0;
+}
+
 // Which lines of the stream count, and as what. A bug report ("== dumpstate:" near the top) holds
 // many sections ("------ NAME (command) ------" up to "------ 0.1s was the duration of 'NAME'
 // ------"); its logs (SYSTEM LOG, KERNEL LOG; the previous boot's LAST LOGCAT, LAST KMSG) and its
-// Java dumps (VM TRACES ...) are read. Another file is a log unless its first line shows a stack
-// dump ("----- pid N at ...", "Subject: ..." of an ANR file, "*** *** ***" of a tombstone) or the
-// previous boot's kernel log as pstore keeps it (a file called *ramoops* or last_kmsg, or one
-// beginning "Panic#1 Part1").
+// Java dumps (VM TRACES ...) are read, and of the rest only the header's "Build fingerprint:" and
+// the serial number among the SYSTEM PROPERTIES. Another file is a log unless its first line shows
+// a stack dump ("----- pid N at ...", "Subject: ..." of an ANR file, "*** *** ***" of a tombstone)
+// or the previous boot's kernel log as pstore keeps it (a file called *ramoops* or last_kmsg, or
+// one beginning "Panic#1 Part1").
 struct SectionFilter {
-  SectionFilter(const std::string& name, int* sections) : source(name), counter(sections) {
+  SectionFilter(const std::string& name, int* sections, InputStats* input)
+      : source(name), counter(sections), stats(input) {
     section = ++*counter;
     if (name.find("ramoops") != std::string::npos || name.find("last_kmsg") != std::string::npos)
       from = Line::kLastBoot;
   }
   std::string source;
   int* counter;
+  InputStats* stats;
   int section;
   Line::From from = Line::kLog;
-  bool bugreport = false, first = true, read = true;
-  bool wants(const std::string& l, InputStats* stats) {
+  bool bugreport = false, first = true, read = true, header = false, properties = false;
+  bool wants(std::string_view l) {
     if (first && !l.empty()) {
       first = false;
-      if (StartsWith(l, "*** *** ***") || StartsWith(l, "----- pid ") || StartsWith(l, "Subject:"))
+      if (starts(l, "*** *** ***") || starts(l, "----- pid ") || starts(l, "Subject:"))
         from = Line::kStackDump;
-      if (StartsWith(l, "Panic#") || StartsWith(l, "Oops#")) {
+      if (starts(l, "Panic#") || starts(l, "Oops#")) {
         from = Line::kLastBoot;
         return false;
       }
     }
-    if (StartsWith(l, "========")) return false;  // a bug report's first line
-    if (StartsWith(l, "== dumpstate:")) {
-      bugreport = true;
-      int year = atoi(l.c_str() + strlen("== dumpstate:"));
+    if (l.empty() || (l[0] != '-' && l[0] != '=' && !header && !properties))
+      return !bugreport || read;
+    if (starts(l, "========")) return false;  // a bug report's first line
+    if (starts(l, "== dumpstate:")) {
+      bugreport = header = true;
+      stats->taken = android::base::Trim(std::string(l.substr(13)));
+      int year = atoi(stats->taken.c_str());
       if (stats->year == 0 && year > 1970) {
         stats->year = year;
         stats->year_from = "the bug report's dumpstate line";
       }
       return false;
     }
-    if (bugreport && StartsWith(l, "------ ") && android::base::EndsWith(l, " ------")) {
-      std::string title = l.substr(7, l.find_first_of("(-", 7) - 7);
+    if (header && starts(l, "Build fingerprint: ")) {
+      stats->build = android::base::Trim(std::string(l.substr(19)));
+      if (stats->build.size() > 1 && stats->build[0] == '\'' && stats->build.back() == '\'')
+        stats->build = stats->build.substr(1, stats->build.size() - 2);
+    }
+    if (properties && starts(l, "[ro.serialno]: [") && l.back() == ']')
+      stats->device = std::string(l.substr(16, l.size() - 17));
+    if (bugreport && starts(l, "------ ") && l.size() > 14 && l.substr(l.size() - 7) == " ------") {
+      std::string line(l);
+      std::string title = line.substr(7, line.find_first_of("(-", 7) - 7);
       title = android::base::Trim(title);
       read = true;
+      header = false;
+      properties = StartsWith(title, "SYSTEM PROPERTIES");
       from = Line::kLog;
       if (StartsWith(title, "LAST LOGCAT") || StartsWith(title, "LAST KMSG")) {
         from = Line::kLastBoot;
@@ -239,23 +266,107 @@ struct SectionFilter {
   }
 };
 
-void emit_line(const std::string& raw, bool cut, SectionFilter* filter, InputStats* stats,
-               const std::function<void(const Line&)>& sink) {
-  std::string l = raw;
-  while (!l.empty() && l.back() == '\r') l.pop_back();
-  if (!filter->wants(l, stats)) return;
+bool all_digits(std::string_view s) {
+  if (s.empty()) return false;
+  for (char c : s) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
+// Whether a text may start one of the kernel's dumps: it holds "locked" (Show Blocked State, a
+// task blocked for more than N seconds), "backtrace" (Show backtrace of all active CPUs) or
+// "task:" (a task line of 5.10 on; "task    :" where logcat took "task" for the tag). All three
+// have a 'k' fourth.
+bool may_start_dump(std::string_view t) {
+  for (size_t k = 3; (k = t.find('k', k)) != std::string_view::npos; ++k) {
+    std::string_view before = t.substr(k - 3, 3), after = t.substr(k + 1);
+    if ((before == "loc" && starts(after, "ed")) || (before == "bac" && starts(after, "trace")) ||
+        (before == "tas" &&
+         starts(after.substr(std::min(after.find_first_not_of(' '), after.size())), ":"))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// A line of the log that the story has no use for, known at a glance: a logcat line of another
+// tag than the daemon's, or a kernel line, that cannot start a kernel dump. What this does not
+// recognise goes on to parse_line, which has the last word. The checks follow parse_logcat's and
+// parse_kernel's, on fewer forms.
+bool passed_over(std::string_view l) {
+  if (l.empty()) return false;
+  if (l[0] == '[') {  // "[  12.345678] text"
+    size_t close = l.find(']');
+    if (close == std::string_view::npos) return false;
+    std::string_view stamp = l.substr(1, close - 1);
+    while (!stamp.empty() && stamp[0] == ' ') stamp.remove_prefix(1);
+    size_t dot = stamp.find('.');
+    if (dot == std::string_view::npos || !all_digits(stamp.substr(0, dot)) ||
+        !all_digits(stamp.substr(dot + 1))) {
+      return false;
+    }
+    return !may_start_dump(l.substr(close + 1));
+  }
+  size_t at = l.size() > 5 && l[4] == '-' ? 5 : 0;  // -v year
+  const char* p = l.data();
+  auto digit = [p](size_t i) { return static_cast<unsigned char>(p[i] - '0') < 10; };
+  if (l.size() < at + 19 || (at == 5 && !(digit(0) && digit(1) && digit(2) && digit(3))) ||
+      !(digit(at) && digit(at + 1) && p[at + 2] == '-' && digit(at + 3) && digit(at + 4) &&
+        p[at + 5] == ' ' && digit(at + 6) && digit(at + 7) && p[at + 8] == ':' && digit(at + 9) &&
+        digit(at + 10) && p[at + 11] == ':' && digit(at + 12) && digit(at + 13) &&
+        p[at + 14] == '.' && digit(at + 15) && digit(at + 16) && digit(at + 17))) {
+    return false;
+  }
+  size_t pos = at + 18, size = l.size();
+  while (pos < size && digit(pos)) ++pos;
+  // Then [uid] pid tid priority: the first one-letter field among the next four.
+  size_t start[4], len[4], n = 0;
+  auto priority = [](char c) {
+    return c == 'V' || c == 'D' || c == 'I' || c == 'W' || c == 'E' || c == 'F' || c == 'S';
+  };
+  while (n < 4) {
+    while (pos < size && p[pos] == ' ') ++pos;
+    size_t end = pos;
+    while (end < size && p[end] != ' ') ++end;
+    if (pos >= size || end >= size) return false;
+    start[n] = pos;
+    len[n++] = end - pos;
+    pos = end + 1;
+    if (len[n - 1] == 1 && priority(p[start[n - 1]])) break;
+  }
+  if (n < 3 || len[n - 1] != 1 || !priority(p[start[n - 1]])) return false;
+  for (size_t f = n - 3; f < n - 1; ++f) {
+    if (len[f] == 0) return false;
+    for (size_t i = start[f]; i < start[f] + len[f]; ++i) {
+      if (!digit(i)) return false;
+    }
+  }
+  std::string_view rest = l.substr(pos);
+  size_t colon = rest.find(": ");
+  if (colon == std::string_view::npos) return false;
+  std::string_view tag = rest.substr(0, colon);
+  while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
+  while (!tag.empty() && (tag[0] == ' ' || tag[0] == '\t')) tag.remove_prefix(1);
+  return tag != "stall_ward" && !may_start_dump(rest);
+}
+
+void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* stats,
+               const Sink& sink) {
+  while (!l.empty() && l.back() == '\r') l.remove_suffix(1);
+  if (!filter->wants(l)) return;
+  if (filter->from != Line::kStackDump) {
+    if (l.empty() || starts(l, "--------- beginning of ")) return;
+    ++stats->lines;
+    if (!cut && passed_over(l) && !sink.every_line()) return;
+  }
   Line line;
   line.from = filter->from;
   line.section = filter->section;
   if (line.from == Line::kStackDump) {
     line.tag = filter->source;
     line.text = l;
-    sink(line);
-    return;
-  }
-  if (l.empty() || StartsWith(l, "--------- beginning of ")) return;
-  ++stats->lines;
-  if (cut || !parse_line(l, &line)) {
+  } else if (cut || !parse_line(std::string(l), &line)) {
     ++stats->unreadable;
     return;
   }
@@ -264,7 +375,7 @@ void emit_line(const std::string& raw, bool cut, SectionFilter* filter, InputSta
     stats->year_from = "logcat -v year";
   }
   if (!line.zone.empty() && stats->zone.empty()) stats->zone = line.zone;
-  sink(line);
+  sink.line(line);
 }
 
 // The entry of a bug report zip that holds the report's text: the one main_entry.txt names, else
@@ -304,7 +415,7 @@ namespace {
 
 // A bug report zip: its main entry, then its ANR files and tombstones.
 void read_zip(const std::string& path, std::vector<char>* chunk, int* sections, InputStats* stats,
-              const std::function<void(const Line&)>& sink) {
+              const Sink& sink) {
   int error = 0;
   zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &error);
   if (archive == nullptr) {
@@ -326,9 +437,9 @@ void read_zip(const std::string& path, std::vector<char>* chunk, int* sections, 
     zip_file_t* entry = index >= 0 ? zip_fopen_index(archive, index, 0) : nullptr;
     if (entry == nullptr) continue;
     LineSplitter splitter;
-    SectionFilter filter(zip_get_name(archive, index, 0), sections);
+    SectionFilter filter(zip_get_name(archive, index, 0), sections, stats);
     if (index != entries[0]) filter.from = Line::kStackDump;
-    auto emit = [&](const std::string& l, bool cut) { emit_line(l, cut, &filter, stats, sink); };
+    auto emit = [&](std::string_view l, bool cut) { emit_line(l, cut, &filter, stats, sink); };
     zip_int64_t got;
     while ((got = zip_fread(entry, chunk->data(), chunk->size())) > 0) {
       splitter.feed(chunk->data(), static_cast<size_t>(got), emit);
@@ -343,8 +454,7 @@ void read_zip(const std::string& path, std::vector<char>* chunk, int* sections, 
 
 }  // namespace
 
-void read_inputs(const std::vector<std::string>& given, InputStats* stats,
-                 const std::function<void(const Line&)>& sink) {
+void read_inputs(const std::vector<std::string>& given, InputStats* stats, const Sink& sink) {
   std::vector<char> chunk(kChunk);
   std::vector<std::string> paths;
   for (const std::string& path : given) {  // a folder (adb pull /data/anr): each file in it
@@ -363,8 +473,8 @@ void read_inputs(const std::vector<std::string>& given, InputStats* stats,
   int sections = 0;
   for (const std::string& path : paths) {
     LineSplitter splitter;
-    SectionFilter filter(path, &sections);
-    auto emit = [&](const std::string& l, bool cut) { emit_line(l, cut, &filter, stats, sink); };
+    SectionFilter filter(path, &sections, stats);
+    auto emit = [&](std::string_view l, bool cut) { emit_line(l, cut, &filter, stats, sink); };
     FILE* file = path == "-" ? stdin : fopen(path.c_str(), "rb");
     if (file == nullptr) {
       stats->errors.push_back(path + ": " + strerror(errno));

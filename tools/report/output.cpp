@@ -1065,4 +1065,8 @@ std::string json_report(const Story& story) {
   return j.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
+std::string incident_account(const Story& story, const Run& run, const Incident& in) {
+  return incident_text(story, run, in);
+}
+
 }  // namespace report

@@ -47,14 +47,24 @@ struct InputStats {
   // report's "== dumpstate: 2026-11-22 08:10:00" line); 0 and empty otherwise.
   int year = 0;
   std::string zone, year_from;
+  // Of a bug report (the last one read): its device's serial number (the ro.serialno property),
+  // its build (the header's "Build fingerprint:") and when it was taken ("== dumpstate: ...").
+  std::string device, build, taken;
+};
+
+// Where read_inputs hands its lines: `line` takes each. While `every_line` says no (the story has
+// no kernel dump open), a log line that neither is the daemon's nor can start a kernel dump is
+// only counted, not parsed: the input is read at the speed of the disk.
+struct Sink {
+  std::function<void(const Line&)> line;
+  std::function<bool()> every_line = [] { return true; };
 };
 
 // Streams every input ("-" is stdin, a folder: each file in it) line by line to `sink`. A zip is
 // read as a bug report: its main entry, then its ANR files and tombstones; in a bug report only
 // the log sections (this boot's and the last one's) and the VM TRACES sections are read. A file
 // that begins as a Java stack dump or a tombstone is read as one.
-void read_inputs(const std::vector<std::string>& paths, InputStats* stats,
-                 const std::function<void(const Line&)>& sink);
+void read_inputs(const std::vector<std::string>& paths, InputStats* stats, const Sink& sink);
 
 // The kernel's answer to SysRq w: the tasks it lists and their stacks.
 struct KernelTask {
@@ -223,5 +233,7 @@ Story build_story(const std::vector<std::string>& paths);
 std::string text_report(const Story& story);
 std::string html_report(const Story& story);
 std::string json_report(const Story& story);
+// One incident's paragraph of the text account.
+std::string incident_account(const Story& story, const Run& run, const Incident& in);
 
 }  // namespace report

@@ -587,7 +587,10 @@ void attach_stacks(Story* story) {
 
 Story build_story(const std::vector<std::string>& paths) {
   Builder b;
-  read_inputs(paths, &b.story.input, [&b](const Line& line) { add_line(&b, line); });
+  Sink sink;
+  sink.line = [&b](const Line& line) { add_line(&b, line); };
+  sink.every_line = [&b] { return b.kernel.open >= 0; };
+  read_inputs(paths, &b.story.input, sink);
   for (KernelDump& dump : b.kernel.dumps) {  // a kernel log read twice holds its dumps twice
     bool again = false;
     for (const KernelDump& seen : b.story.dumps) {

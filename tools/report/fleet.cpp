@@ -1,0 +1,475 @@
+// A fleet's incidents: the signature of each, many inputs read at once, the table by signature,
+// one JSON line per incident, and the page linking each signature to its incidents.
+#include "fleet.h"
+
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <thread>
+
+namespace report {
+namespace {
+
+using android::base::Join;
+using android::base::StartsWith;
+using android::base::StringPrintf;
+
+constexpr size_t kTopFrames = 3;
+
+bool hex_digit(char c) {
+  return isxdigit(static_cast<unsigned char>(c)) != 0;
+}
+
+// Runs of digits as "N": thread names carry pids and counters ("Binder:1503_2", "pool-3-thread-1",
+// "kworker/u16:3").
+std::string without_numbers(const std::string& s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (!isdigit(static_cast<unsigned char>(s[i]))) {
+      out += s[i];
+    } else if (out.empty() || out.back() != 'N' || i == 0 || !isdigit(s[i - 1])) {
+      out += 'N';
+    }
+  }
+  return out;
+}
+
+// A kernel function as every kernel version names it: without the compiler's suffixes
+// (".isra.0", ".constprop.0", ".part.0", ".cold") and the leading underscores.
+std::string kernel_function(std::string f) {
+  f = f.substr(0, f.find('.'));
+  return f.substr(std::min(f.find_first_not_of('_'), f.size()));
+}
+
+// A Java frame "pkg.Class$1.lambda$run$0$Class(Class.java:12)" as "pkg.Class$.lambda$run$$Class":
+// without the file and line, the numbers of anonymous classes and lambdas ("$$Lambda$12/0x...",
+// "$$ExternalSyntheticLambda3"), and addresses.
+std::string java_function(const std::string& f) {
+  std::string name = f.substr(0, f.find('('));
+  std::string out;
+  for (size_t i = 0; i < name.size(); ++i) {
+    if (name[i] == '/' && name.compare(i + 1, 2, "0x") == 0) {  // "$$Lambda$12/0x000000010"
+      while (i + 1 < name.size() && name[i + 1] != '.') ++i;
+      continue;
+    }
+    out += name[i];
+    bool lambda = out.size() >= 6 && out.compare(out.size() - 6, 6, "Lambda") == 0;
+    if (name[i] == '$' || lambda) {  // "$1", "$$Lambda$12", "$$ExternalSyntheticLambda3"
+      while (i + 1 < name.size() && isdigit(static_cast<unsigned char>(name[i + 1]))) ++i;
+    }
+  }
+  return out;
+}
+
+// A native frame "libart.so (art::Monitor::Lock(art::Thread*)+4020)" without its offset, and
+// without any address ("(offset 0x1000)", "[anon:dalvik-...]" numbers).
+std::string native_function(const std::string& f) {
+  std::string out;
+  for (size_t i = 0; i < f.size(); ++i) {
+    if (f[i] == '+' && i + 1 < f.size() && isdigit(static_cast<unsigned char>(f[i + 1]))) {
+      while (i + 1 < f.size() && (hex_digit(f[i + 1]) || f[i + 1] == 'x')) ++i;
+      continue;
+    }
+    if (f.compare(i, 2, "0x") == 0) {
+      ++i;
+      while (i + 1 < f.size() && hex_digit(f[i + 1])) ++i;
+      continue;
+    }
+    out += f[i];
+  }
+  for (const char* left : {" (offset )", " ()"}) {  // what was only an address
+    size_t at = out.find(left);
+    if (at != std::string::npos) out.erase(at, strlen(left));
+  }
+  return android::base::Trim(out);
+}
+
+bool native_frame(const std::string& f) {
+  return f.find(" (") != std::string::npos || f.empty() || f[0] == '[' || f[0] == '#';
+}
+
+// The first frames of the watched thread's stacks, each kind in its own form.
+std::vector<std::string> kernel_top(const std::vector<std::string>& stack) {
+  std::vector<std::string> top;
+  for (const std::string& f : stack) {
+    if (scheduler_frame(f) || StartsWith(f, "__pfx_")) continue;  // padding, never a caller
+    top.push_back(kernel_function(f));
+    if (top.size() == kTopFrames) break;
+  }
+  return top;
+}
+
+std::vector<std::string> java_top(const std::vector<std::string>& stack) {
+  std::vector<std::string> top;
+  for (const std::string& f : stack) {
+    if (StartsWith(f, "- ") || native_frame(f)) continue;
+    top.push_back(java_function(f));
+    if (top.size() == kTopFrames) break;
+  }
+  return top;
+}
+
+std::vector<std::string> native_top(const std::vector<std::string>& stack) {
+  std::vector<std::string> top;
+  for (const std::string& f : stack) {
+    if (StartsWith(f, "- ")) continue;
+    top.push_back(native_function(f));
+    if (top.size() == kTopFrames) break;
+  }
+  return top;
+}
+
+const StackThread* thread_of(const ProcessDump& dump, int tid) {
+  for (const StackThread& t : dump.threads) {
+    if (t.tid == tid) return &t;
+  }
+  return nullptr;
+}
+
+// The monitor's class from "<0x0c6f81a3> (a com.android.server.am.ActivityManagerService)".
+std::string monitor_class(const std::string& waits_for) {
+  size_t a = waits_for.find("(a ");
+  return a == std::string::npos ? without_numbers(waits_for)
+                                : waits_for.substr(a + 3, waits_for.find(')', a) - a - 3);
+}
+
+// Who holds what the watched thread waits for, without ids: the Java monitor chain (each holder's
+// name and top frame), a deadlock named as such; else the kernel's named owner of the lock.
+std::string blocker_of(const Story& story, const Incident& in) {
+  if (in.java >= 0) {
+    const ProcessDump& dump = story.stacks[in.java];
+    for (size_t i = 0; i < dump.threads.size(); ++i) {
+      if (dump.threads[i].tid != in.tid || dump.threads[i].waits_for.empty()) continue;
+      bool deadlock = false;
+      std::vector<size_t> chain = monitor_chain(dump, i, &deadlock);
+      std::string s;
+      for (size_t k = 0; k < chain.size(); ++k) {
+        const StackThread& t = dump.threads[chain[k]];
+        if (k > 0) {
+          std::vector<std::string> top = java_top(t.stack);
+          s += " held by \"" + without_numbers(t.name) + "\"" +
+               (top.empty() ? "" : " at " + top[0]) + (t.waits_for.empty() ? "" : ", which");
+        }
+        if (!t.waits_for.empty()) s += " waits for " + monitor_class(t.waits_for);
+      }
+      return android::base::Trim(s) + (deadlock ? " (a deadlock)" : "");
+    }
+  }
+  if (in.dump >= 0) {
+    for (const KernelTask& task : story.dumps[in.dump].tasks) {
+      if (task.pid == in.tid && !task.owner.empty())
+        return "the lock's owner " + without_numbers(task.owner.substr(0, task.owner.rfind(':')));
+    }
+  }
+  return "";
+}
+
+// FNV-1a, 64 bits: the same on every machine and compiler.
+uint64_t fnv1a(const std::string& s) {
+  uint64_t h = 14695981039346656037ull;
+  for (unsigned char c : s) {
+    h ^= c;
+    h *= 1099511628211ull;
+  }
+  return h;
+}
+
+// "MM-DD hh:mm:ss.mmm" of a logcat clock as "YYYY-MM-DD hh:mm:ss", the year from the bug report's
+// time ("YYYY-MM-DD hh:mm:ss"; the year before when the month is later than the report's).
+std::string dated(const std::string& clock, const std::string& taken) {
+  if (clock.size() != 18) return clock;
+  if (taken.size() < 10 || taken[4] != '-') return clock.substr(0, 14);
+  int year = atoi(taken.c_str());
+  if (clock.compare(0, 2, taken, 5, 2) > 0) --year;
+  return StringPrintf("%04d-", year) + clock.substr(0, 14);
+}
+
+}  // namespace
+
+std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
+  std::vector<Hang> hangs;
+  for (const Run& run : story.runs) {
+    for (const Incident& in : run.incidents) {
+      Hang h;
+      h.input = input;
+      h.device = story.input.device;
+      h.build = story.input.build;
+      h.taken = story.input.taken;
+      h.since = dated(in.since, h.taken);
+      h.seen = dated(in.evidence_clock.empty() ? in.since : in.evidence_clock, h.taken);
+      h.acted = dated(in.action_clock, h.taken);
+      h.process = in.process;
+      h.thread = in.record;
+      h.pid = in.pid;
+      h.tid = in.tid;
+      h.state = in.state;
+      h.evidence = in.evidence;
+      h.action = in.action;
+      h.story = incident_account(story, run, in);
+      if (in.dump >= 0) {
+        for (const KernelTask& task : story.dumps[in.dump].tasks) {
+          if (task.pid == in.tid) h.kernel_stack = task.stack;
+        }
+      }
+      for (int which : {in.java, in.native}) {
+        const StackThread* t = which >= 0 ? thread_of(story.stacks[which], in.tid) : nullptr;
+        if (t != nullptr) (which == in.java ? h.java_stack : h.native_stack) = t->stack;
+      }
+      h.kernel = kernel_top(h.kernel_stack);
+      h.java = java_top(h.java_stack);
+      h.native = native_top(h.native_stack);
+      h.blocker = blocker_of(story, in);
+      std::vector<std::string> parts;
+      for (const auto& [kind, top] :
+           {std::pair<const char*, const std::vector<std::string>*>{"kernel", &h.kernel},
+            {"java", &h.java},
+            {"native", &h.native}}) {
+        if (!top->empty()) parts.push_back(std::string(kind) + ": " + Join(*top, " < "));
+      }
+      h.frames = Join(parts, "; ");
+      std::string key =
+          Join(std::vector<std::string>{std::to_string(kSignatureVersion), h.process, h.thread,
+                                        std::string(1, h.state), h.frames, h.blocker},
+               '\n');
+      h.signature = StringPrintf("v%d-%016llx", kSignatureVersion,
+                                 static_cast<unsigned long long>(fnv1a(key)));
+      hangs.push_back(std::move(h));
+    }
+  }
+  return hangs;
+}
+
+FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool progress, FILE* errors,
+                      const std::function<void(std::vector<Hang>&&)>& take) {
+  std::vector<std::string> paths;
+  for (const std::string& path : given) {  // a folder of bug reports: each file in it
+    std::error_code error;
+    if (!std::filesystem::is_directory(path, error)) {
+      paths.push_back(path);
+      continue;
+    }
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(path, error)) {
+      if (entry.is_regular_file(error)) files.push_back(entry.path().string());
+    }
+    std::sort(files.begin(), files.end());
+    paths.insert(paths.end(), files.begin(), files.end());
+  }
+  if (jobs <= 0) {
+    cpu_set_t cpus;
+    jobs = sched_getaffinity(0, sizeof(cpus), &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
+  }
+  jobs = std::max(1, std::min<int>(jobs, static_cast<int>(paths.size())));
+  const size_t window = 4 * static_cast<size_t>(jobs);  // how far a thread may run ahead
+
+  struct Done {
+    bool ready = false;
+    std::vector<Hang> hangs;
+    std::vector<std::string> errors;
+  };
+  std::vector<Done> done(paths.size());
+  std::mutex mutex;
+  std::condition_variable changed;
+  size_t next = 0, emitted = 0;
+  FleetStats stats;
+  stats.inputs = paths.size();
+  timespec last = {};
+  auto report_progress = [&](bool end) {  // with the lock held
+    if (!progress) return;
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (!end && (now.tv_sec - last.tv_sec) * 1000 + (now.tv_nsec - last.tv_nsec) / 1000000 < 200)
+      return;
+    last = now;
+    fprintf(stderr, "\rstall_ward_report: %zu of %zu inputs, %.1f MB%s", emitted, paths.size(),
+            static_cast<double>(stats.bytes) / 1e6, end ? "\n" : "");
+  };
+  auto worker = [&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    while (next < paths.size()) {
+      size_t i = next;
+      if (i >= emitted + window) {
+        changed.wait(lock);
+        continue;
+      }
+      ++next;
+      lock.unlock();
+      Story story = build_story({paths[i]});
+      Done d;
+      d.errors = story.input.errors;
+      if (d.errors.empty()) d.hangs = hangs_of(story, paths[i]);
+      std::error_code error;
+      uint64_t size = std::filesystem::file_size(paths[i], error);
+      lock.lock();
+      stats.bytes += error ? 0 : size;
+      d.ready = true;
+      done[i] = std::move(d);
+      // Whoever completes the next input in order hands on every one ready from there.
+      while (emitted < paths.size() && done[emitted].ready) {
+        Done& e = done[emitted];
+        for (const std::string& message : e.errors)
+          fprintf(errors, "%sstall_ward_report: %s; skipped\n", progress ? "\r\33[K" : "",
+                  message.c_str());
+        stats.damaged += !e.errors.empty();
+        stats.with_incidents += !e.hangs.empty();
+        take(std::move(e.hangs));
+        e = Done();
+        e.ready = true;
+        ++emitted;
+      }
+      report_progress(false);
+      changed.notify_all();
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < jobs; ++t) threads.emplace_back(worker);
+  for (std::thread& t : threads) t.join();
+  report_progress(true);
+  return stats;
+}
+
+std::string jsonl_line(const Hang& h) {
+  auto or_null = [](const std::string& s) {
+    return s.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(s);
+  };
+  nlohmann::ordered_json j = {{"bugreport", h.input},
+                              {"device", or_null(h.device)},
+                              {"build", or_null(h.build)},
+                              {"taken", or_null(h.taken)},
+                              {"since", or_null(h.since)},
+                              {"seen", or_null(h.seen)},
+                              {"acted", or_null(h.acted)},
+                              {"process", h.process},
+                              {"pid", h.pid},
+                              {"thread", h.thread},
+                              {"tid", h.tid},
+                              {"state", std::string(1, h.state)},
+                              {"evidence", h.evidence},
+                              {"action", h.action},
+                              {"story", h.story},
+                              {"kernel_stack", h.kernel_stack},
+                              {"java_stack", h.java_stack},
+                              {"native_stack", h.native_stack},
+                              {"frames", h.frames},
+                              {"blocker", h.blocker},
+                              {"signature", h.signature},
+                              {"signature_version", kSignatureVersion}};
+  return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+void Summary::add(Hang h) {
+  Row& row = rows[h.signature];
+  if (row.count++ == 0) {
+    row.signature = h.signature;
+    row.process = h.process;
+    row.thread = h.thread;
+    row.state = std::string(1, h.state);
+    row.frames = h.frames;
+    row.blocker = h.blocker;
+  }
+  if (!h.seen.empty() && (row.first.empty() || h.seen < row.first)) row.first = h.seen;
+  row.last = std::max(row.last, h.seen);
+  for (auto [list, value] : {std::make_pair(&row.devices, &h.device), {&row.builds, &h.build}}) {
+    auto at = std::lower_bound(list->begin(), list->end(), *value);
+    if (!value->empty() && (at == list->end() || *at != *value)) list->insert(at, *value);
+  }
+  if (!pages) return;
+  h.kernel_stack.clear();
+  h.java_stack.clear();
+  h.native_stack.clear();
+  row.incidents.push_back(std::move(h));
+}
+
+namespace {
+
+std::vector<const Summary::Row*> by_count(const std::map<std::string, Summary::Row>& rows) {
+  std::vector<const Summary::Row*> sorted;
+  for (const auto& entry : rows) sorted.push_back(&entry.second);
+  std::stable_sort(sorted.begin(), sorted.end(), [](const Summary::Row* a, const Summary::Row* b) {
+    return a->count > b->count;
+  });
+  return sorted;
+}
+
+std::string escape(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '<') {
+      out += "&lt;";
+    } else if (c == '>') {
+      out += "&gt;";
+    } else if (c == '&') {
+      out += "&amp;";
+    } else if (c == '"') {
+      out += "&quot;";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string Summary::table() const {
+  std::string s =
+      "count | devices | builds | first_seen | last_seen | process | thread | state | frames | "
+      "blocker | signature\n";
+  for (const Row* r : by_count(rows)) {
+    s += StringPrintf("%zu | %zu | %zu | ", r->count, r->devices.size(), r->builds.size()) +
+         Join(std::vector<std::string>{r->first, r->last, r->process, r->thread, r->state,
+                                       r->frames, r->blocker, r->signature},
+              " | ") +
+         "\n";
+  }
+  return s;
+}
+
+std::string Summary::html(const FleetStats& stats) const {
+  std::string s =
+      "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>stall_ward: hangs by "
+      "signature</title><style>body{font-family:sans-serif;margin:1em}table{border-collapse:"
+      "collapse}td,th{border:1px solid #ccc;padding:2px 6px;vertical-align:top;text-align:left}"
+      "code{font-size:90%}.t{white-space:nowrap}</style></head><body>\n";
+  s += StringPrintf(
+      "<h1>Hangs by signature</h1><p>%zu inputs read (%.1f MB), %zu with incidents, %zu damaged "
+      "and skipped.</p>\n<table class=\"summary\"><tr><th>count</th><th>devices</th>"
+      "<th>builds</th><th>first seen</th><th>last seen</th><th>process</th><th>thread</th>"
+      "<th>state</th><th>top frames</th><th>blocker</th><th>signature</th></tr>\n",
+      stats.inputs, static_cast<double>(stats.bytes) / 1e6, stats.with_incidents, stats.damaged);
+  std::vector<const Row*> sorted = by_count(rows);
+  for (const Row* r : sorted) {
+    s += StringPrintf("<tr class=\"signature\"><td>%zu</td><td>%zu</td><td>%zu</td>", r->count,
+                      r->devices.size(), r->builds.size());
+    s += "<td class=\"t\">" + r->first + "</td><td class=\"t\">" + r->last + "</td>";
+    for (const std::string* cell : {&r->process, &r->thread, &r->state, &r->frames, &r->blocker})
+      s += "<td>" + escape(*cell) + "</td>";
+    s += "<td><a href=\"#" + r->signature + "\">" + r->signature + "</a></td></tr>\n";
+  }
+  s += "</table>\n";
+  for (const Row* r : sorted) {
+    s += "<h2 id=\"" + r->signature + "\">" + r->signature + ": " + escape(r->thread) + " of " +
+         escape(r->process) +
+         "</h2>\n<table class=\"incidents\"><tr><th>seen</th><th>device"
+         "</th><th>build</th><th>bug report</th><th>what happened</th></tr>\n";
+    for (const Hang& h : r->incidents) {
+      s += "<tr><td class=\"t\">" + escape(h.seen) + "</td><td>" + escape(h.device) + "</td><td>" +
+           escape(h.build) + "</td><td><a href=\"" + escape(h.input) + "\">" + escape(h.input) +
+           "</a></td><td><code>" + escape(h.story) + "</code></td></tr>\n";
+    }
+    s += "</table>\n";
+  }
+  return s + "</body></html>\n";
+}
+
+}  // namespace report

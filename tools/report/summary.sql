@@ -1,0 +1,19 @@
+-- The --summary table from stall_ward_report --jsonl's lines. In sqlite3 (its JSON functions):
+-- the lines of incidents.jsonl, in the current folder, as a view; in DuckDB the view is
+-- read_json_auto('incidents.jsonl'), in BigQuery the lines loaded as NEWLINE_DELIMITED_JSON; the
+-- SELECT after it is the same in all three.
+CREATE TEMP VIEW incidents AS
+SELECT json_extract(value, '$.device') AS device, json_extract(value, '$.build') AS build,
+       json_extract(value, '$.seen') AS seen, json_extract(value, '$.process') AS process,
+       json_extract(value, '$.thread') AS thread, json_extract(value, '$.state') AS state,
+       json_extract(value, '$.frames') AS frames, json_extract(value, '$.blocker') AS blocker,
+       json_extract(value, '$.signature') AS signature
+FROM json_each('[' || replace(rtrim(CAST(readfile('incidents.jsonl') AS TEXT), char(10)),
+                              char(10), ',') || ']');
+
+SELECT COUNT(*) AS count, COUNT(DISTINCT device) AS devices, COUNT(DISTINCT build) AS builds,
+       MIN(seen) AS first_seen, MAX(seen) AS last_seen,
+       process, thread, state, frames, blocker, signature
+FROM incidents
+GROUP BY signature, process, thread, state, frames, blocker
+ORDER BY count DESC, signature;
