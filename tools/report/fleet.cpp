@@ -251,20 +251,7 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
 
 FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool progress, FILE* errors,
                       const std::function<void(std::vector<Hang>&&)>& take) {
-  std::vector<std::string> paths;
-  for (const std::string& path : given) {  // a folder of bug reports: each file in it
-    std::error_code error;
-    if (!std::filesystem::is_directory(path, error)) {
-      paths.push_back(path);
-      continue;
-    }
-    std::vector<std::string> files;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(path, error)) {
-      if (entry.is_regular_file(error)) files.push_back(entry.path().string());
-    }
-    std::sort(files.begin(), files.end());
-    paths.insert(paths.end(), files.begin(), files.end());
-  }
+  std::vector<std::string> paths = files_of(given, true);  // a folder of bug reports, all in it
   if (jobs <= 0) {
     cpu_set_t cpus;
     jobs = sched_getaffinity(0, sizeof(cpus), &cpus) == 0 ? CPU_COUNT(&cpus) : 1;

@@ -454,22 +454,33 @@ void read_zip(const std::string& path, std::vector<char>* chunk, int* sections, 
 
 }  // namespace
 
-void read_inputs(const std::vector<std::string>& given, InputStats* stats, const Sink& sink) {
-  std::vector<char> chunk(kChunk);
+std::vector<std::string> files_of(const std::vector<std::string>& given, bool recursive) {
   std::vector<std::string> paths;
-  for (const std::string& path : given) {  // a folder (adb pull /data/anr): each file in it
+  for (const std::string& path : given) {
     std::error_code error;
     if (path == "-" || !std::filesystem::is_directory(path, error)) {
       paths.push_back(path);
       continue;
     }
     std::vector<std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(path, error)) {
+    auto add = [&](const std::filesystem::directory_entry& entry) {
       if (entry.is_regular_file(error)) files.push_back(entry.path().string());
+    };
+    if (recursive) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(path, error))
+        add(entry);
+    } else {
+      for (const auto& entry : std::filesystem::directory_iterator(path, error)) add(entry);
     }
     std::sort(files.begin(), files.end());
     paths.insert(paths.end(), files.begin(), files.end());
   }
+  return paths;
+}
+
+void read_inputs(const std::vector<std::string>& given, InputStats* stats, const Sink& sink) {
+  std::vector<char> chunk(kChunk);
+  std::vector<std::string> paths = files_of(given, false);  // adb pull /data/anr: each file
   int sections = 0;
   for (const std::string& path : paths) {
     LineSplitter splitter;

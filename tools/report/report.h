@@ -60,6 +60,9 @@ struct Sink {
   std::function<bool()> every_line = [] { return true; };
 };
 
+// The inputs named: files as they are ("-" too), each folder as the files in it (and in its
+// folders, when recursive), in name order.
+std::vector<std::string> files_of(const std::vector<std::string>& given, bool recursive);
 // Streams every input ("-" is stdin, a folder: each file in it) line by line to `sink`. A zip is
 // read as a bug report: its main entry, then its ANR files and tombstones; in a bug report only
 // the log sections (this boot's and the last one's) and the VM TRACES sections are read. A file
