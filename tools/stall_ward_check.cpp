@@ -501,8 +501,8 @@ const std::vector<Hazard> kHazards = {
      "watch one of its live threads"},
     {"asleep-app-thread", kError, true, asleep_app_thread,
      "a watched thread of an app (a child of zygote) is asleep: sleep counts as a stall in an app, "
-     "so an idle thread gets SIGQUIT, signal 35 and then the policy (with panic, the device "
-     "crashes)",
+     "so an idle thread gets SIGQUIT, signal 35 and then the policy (an error where the policy "
+     "kills, reboots or panics; a warning with none)",
      "a thread that wakes at least once a timeout, such as watchdog, or the policy nothing"},
     {"ps-carry-over", kError, true, ps_carry_over,
      "not running while the sweeps take the ps way: the entry works on another process's lookup, "
