@@ -19,7 +19,6 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -143,7 +142,11 @@ void unknown_key(const System& s, Hits* hits) {
 void timeout_misread(const System& s, Hits* hits) {
   const std::string& text = s.timeout_text;
   if (text.empty()) return;
-  bool decimal = std::regex_match(text, std::regex("-?[1-9][0-9]{0,8}|0"));
+  // Plain decimal digits, as a person reads them: no leading 0 (octal), nothing after the number.
+  std::string digits = text[0] == '-' ? text.substr(1) : text;
+  bool decimal = !digits.empty() && digits.size() <= 9 &&
+                 digits.find_first_not_of("0123456789") == std::string::npos &&
+                 (digits[0] != '0' || text == "0");
   if (decimal && atoll(text.c_str()) == s.timeout) return;
   hits->push_back({key_entry(kPropTimeout, text),
                    "the daemon reads \"" + text + "\" as " + std::to_string(s.timeout) + " s", ""});
@@ -221,7 +224,15 @@ void colon_split(const System& s, Hits* hits) {
   for (const std::string& entry : string_split(s.processes_text, " ")) {
     std::vector<std::string> pieces = string_split(entry, ":");
     for (size_t i = 2; i < pieces.size(); ++i) {
-      if (std::regex_match(pieces[i], std::regex("[0-9]+(_[0-9A-Fa-f]+)?"))) {
+      // "1234" or "1234_1f": the number a binder thread's name carries after its colon.
+      const std::string& p = pieces[i];
+      size_t underscore = std::min(p.find('_'), p.size());
+      bool numbered =
+          underscore > 0 && p.find_first_not_of("0123456789") >= underscore &&
+          (underscore == p.size() ||
+           (underscore + 1 < p.size() &&
+            p.find_first_not_of("0123456789abcdefABCDEF", underscore + 1) == std::string::npos));
+      if (numbered) {
         std::string name = pieces[i - 1] + ":" + pieces[i];
         hits->push_back(
             {pieces[0] + ":" + name,
