@@ -46,8 +46,8 @@ std::string without_numbers(const std::string& s) {
 
 // A kernel function as every kernel version names it: without the compiler's suffixes
 // (".isra.0", ".constprop.0", ".part.0", ".cold") and the leading underscores.
-std::string kernel_function(std::string f) {
-  f = f.substr(0, f.find('.'));
+std::string kernel_function(const std::string& frame) {
+  std::string f = frame.substr(0, frame.find('.'));
   return f.substr(std::min(f.find_first_not_of('_'), f.size()));
 }
 
@@ -98,35 +98,38 @@ bool native_frame(const std::string& f) {
   return f.find(" (") != std::string::npos || f.empty() || f[0] == '[' || f[0] == '#';
 }
 
-// The first frames of the watched thread's stacks, each kind in its own form.
-std::vector<std::string> kernel_top(const std::vector<std::string>& stack) {
+// The first frames of the watched thread's stacks, each kind in its own form: the frames `skip`
+// passes over left out, each of the others as `form` gives it.
+std::vector<std::string> top_frames(const std::vector<std::string>& stack,
+                                    bool (*skip)(const std::string&),
+                                    std::string (*form)(const std::string&)) {
   std::vector<std::string> top;
   for (const std::string& f : stack) {
-    if (scheduler_frame(f) || StartsWith(f, "__pfx_")) continue;  // padding, never a caller
-    top.push_back(kernel_function(f));
+    if (skip(f)) continue;
+    top.push_back(form(f));
     if (top.size() == kTopFrames) break;
   }
   return top;
+}
+
+std::vector<std::string> kernel_top(const std::vector<std::string>& stack) {
+  return top_frames(
+      stack,
+      [](const std::string& f) {  // __pfx_: padding, never a caller
+        return f == "?" || scheduler_frame(f) || StartsWith(f, "__pfx_");
+      },
+      kernel_function);
 }
 
 std::vector<std::string> java_top(const std::vector<std::string>& stack) {
-  std::vector<std::string> top;
-  for (const std::string& f : stack) {
-    if (StartsWith(f, "- ") || native_frame(f)) continue;
-    top.push_back(java_function(f));
-    if (top.size() == kTopFrames) break;
-  }
-  return top;
+  return top_frames(
+      stack, [](const std::string& f) { return StartsWith(f, "- ") || native_frame(f); },
+      java_function);
 }
 
 std::vector<std::string> native_top(const std::vector<std::string>& stack) {
-  std::vector<std::string> top;
-  for (const std::string& f : stack) {
-    if (StartsWith(f, "- ")) continue;
-    top.push_back(native_function(f));
-    if (top.size() == kTopFrames) break;
-  }
-  return top;
+  return top_frames(
+      stack, [](const std::string& f) { return StartsWith(f, "- "); }, native_function);
 }
 
 const StackThread* thread_of(const ProcessDump& dump, int tid) {

@@ -14,6 +14,9 @@
 #include "report.h"
 
 namespace report {
+
+const int kDaysBefore[13] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335, 366};
+
 namespace {
 
 using android::base::StartsWith;
@@ -27,10 +30,6 @@ bool digits(const char* p, int n) {
   }
   return true;
 }
-
-// Days before each month in a leap year: every date a log can print has its day (a common year's
-// count from March on is one day more than the calendar's, which keeps the order).
-const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335};
 
 // "MM-DD hh:mm:ss.mmm": milliseconds since the start of the year.
 bool parse_clock(const char* p, size_t len, int64_t* ms) {

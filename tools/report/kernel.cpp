@@ -126,9 +126,14 @@ bool dump_text(const std::string& t) {
 
 }  // namespace
 
-bool scheduler_frame(const std::string& f) {
-  return f == "?" || f.find("schedule") != std::string::npos ||
-         f.find("switch_to") != std::string::npos || f == "context_switch";
+bool scheduler_frame(const std::string& function) {
+  // __switch_to, cpu_switch_to, __schedule, schedule_timeout, io_schedule, preempt_schedule_common,
+  // freezable_schedule and the like, whatever the kernel's version calls them.
+  std::string f = function.substr(std::min(function.find_first_not_of('_'), function.size()));
+  for (const char* prefix : {"schedule", "io_schedule", "preempt_schedule", "freezable_schedule"}) {
+    if (StartsWith(f, prefix)) return true;
+  }
+  return f.find("switch_to") != std::string::npos || f == "context_switch";
 }
 
 void KernelReader::add(const Line& line) {
@@ -238,7 +243,7 @@ std::vector<KernelGroup> kernel_groups(const KernelDump& dump) {
   for (size_t i = 0; i < dump.tasks.size(); ++i) {
     std::vector<std::string> where;
     for (const std::string& f : dump.tasks[i].stack) {
-      if (where.empty() && scheduler_frame(f)) continue;
+      if (where.empty() && (f == "?" || scheduler_frame(f))) continue;
       where.push_back(f);
       if (where.size() == 3) break;
     }

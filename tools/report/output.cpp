@@ -21,33 +21,6 @@ using android::base::StringPrintf;
 // The version of the JSON's layout, raised when a field changes meaning or goes.
 constexpr int kSchemaVersion = 1;
 
-// The scheduler's own frames: every blocked task's stack starts with some of them, so they say
-// only that it sleeps; the frames below them say why.
-constexpr const char* kSchedulerFrames[] = {
-    "__switch_to",
-    "cpu_switch_to",
-    "__switch_to_asm",
-    "__schedule",
-    "schedule",
-    "schedule_preempt_disabled",
-    "schedule_timeout",
-    "schedule_hrtimeout",
-    "schedule_hrtimeout_range",
-    "schedule_hrtimeout_range_clock",
-    "io_schedule",
-    "io_schedule_timeout",
-    "preempt_schedule",
-    "preempt_schedule_common",
-    "freezable_schedule",
-};
-
-bool scheduler_frame(const std::string& function) {
-  for (const char* f : kSchedulerFrames) {
-    if (function == f) return true;
-  }
-  return false;
-}
-
 // How many of a stack's innermost frames are the scheduler's.
 size_t scheduler_depth(const KernelTask& task) {
   size_t n = 0;
@@ -72,7 +45,6 @@ std::string time_of_day(int64_t ms, bool seconds = true) {
 
 // "11-22" of those milliseconds (counted by a leap year's calendar).
 std::string month_day(int64_t ms) {
-  static const int kDaysBefore[] = {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335, 366};
   int day = static_cast<int>(ms / kDay), month = 0;
   while (month < 11 && day >= kDaysBefore[month + 1]) ++month;
   return StringPrintf("%02d-%02d", month + 1, day - kDaysBefore[month] + 1);

@@ -35,6 +35,10 @@ struct Line {
 // log line ("[  12.345678] text", with an optional "<6>" priority, a vendor's suffix to the time
 // stamp, a caller field, or dmesg -T's wall clock). False for anything else.
 bool parse_line(const std::string& raw, Line* line);
+// Days before each month, and in the year, by a leap year's calendar: the clocks' milliseconds
+// count from the start of the year so, since every date a log can print has its day there (a
+// common year's count from March on is one day more, which keeps the order).
+extern const int kDaysBefore[13];
 // The milliseconds Line::ms holds for a logcat clock ("MM-DD hh:mm:ss.mmm"), -1 for another.
 int64_t clock_ms(const std::string& clock);
 
@@ -109,6 +113,8 @@ struct KernelGroup {
   std::vector<size_t> tasks;       // indexes into KernelDump::tasks
 };
 std::vector<KernelGroup> kernel_groups(const KernelDump& dump);
+// Whether a kernel frame is the scheduler's own (every blocked task's stack starts with some: they
+// say only that it sleeps; the frames below them say why).
 bool scheduler_frame(const std::string& function);
 
 // A thread of a Java stack dump (the runtime's answer to SIGQUIT) or of a native dump (a
