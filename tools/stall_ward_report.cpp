@@ -104,11 +104,9 @@ int main(int argc, char** argv) {
     }
   }
   inputs.assign(argv + optind, argv + argc);
-  if (inputs.empty()) {
-    fputs(kHelp, stderr);
-    return 2;
-  }
-  if ((summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
+  // No input, or outputs that exclude each other (--summary or --jsonl beside --json, --jsonl
+  // beside a page).
+  if (inputs.empty() || (summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
     fputs(kHelp, stderr);
     return EX_USAGE;
   }
