@@ -8,6 +8,7 @@
 //   sweep_bench --profile N                  (N daemon sweeps of this machine, for a profiler)
 #include <android-base/file.h>
 #include <fcntl.h>
+#include <getopt.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -246,22 +247,197 @@ std::string write_props(const std::string& content) {
   }
 }
 
+// The contenders of one round: the daemon's walk, the floors, the commands a user would run, and
+// the daemon's shell way with the commands it runs.
+std::vector<Contender> contenders(const std::string& pid, const std::string& android_path,
+                                  const std::string& plain_path) {
+  auto with_android_ps = [=](std::function<void()> f) {
+    return [=] {
+      setenv("PATH", android_path.c_str(), 1);
+      f();
+      setenv("PATH", plain_path.c_str(), 1);
+    };
+  };
+  auto sweep = [](bool shell) {
+    return [shell] {
+      collect_proc_info(shell);
+      scan_process_status();
+    };
+  };
+  return {
+      {"daemon", sweep(false), {}, {}},
+      {"floor", floor_sweep, {}, {}},
+      {"readfile floor",
+       [] {
+         read_small = read_through_libbase;
+         floor_sweep();
+         read_small = read_raw;
+       },
+       {},
+       {}},
+      {"pgrep",
+       [] {
+         run({"pgrep", "-x", kName});
+       },
+       {},
+       {}},
+      {"psgrep",
+       [] {
+         run({"sh", "-c", std::string("ps -e | grep ") + kName});
+       },
+       {},
+       {}},
+      {"shell", with_android_ps(sweep(true)), {}, {}},
+      {"commands",
+       with_android_ps([pid] {
+         run({"sh", "-c", std::string("ps -e|grep ") + kName});
+         run({"sh", "-c", "ps -T -p " + pid + " |grep " + kThread});
+       }),
+       {},
+       {}},
+  };
+}
+
+struct Ratios {
+  std::vector<double> walk, readfile;
+};
+
+// One table row per thread count and number of extra processes; the 2-thread rows also go to the
+// plot's data file and to the ratios of the summary line.
+bool sweep_table(bool quick, const std::string& data_path, Ratios& ratios) {
+  FILE* data = fopen(data_path.c_str(), "w");
+  if (data == nullptr) {
+    perror(data_path.c_str());
+    return false;
+  }
+  fprintf(data, "# extra daemon_us floor_us pgrep_us psgrep_us (2 threads, CPU per sweep)\n");
+  printf(
+      "| threads | extra processes | daemon walk | floor | readfile floor | pgrep -x | "
+      "ps -e \\| grep | daemon/floor | daemon/readfile floor | pgrep/daemon | shell sweep | "
+      "its commands |\n");
+  printf("|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+  const std::string plain_path = getenv("PATH"), android_path = ANDROID_PS_DIR ":" + plain_path;
+  for (int threads : {2, 50}) {
+    std::vector<std::string> stand_in = {std::string("/system/bin/") + kName, "--thread",
+                                         std::string(kThread) + ":S"};
+    for (int t = 1; t < threads; ++t) stand_in.insert(stand_in.end(), {"--thread", "binder:S"});
+    pid_t monitored = spawn(stand_in, STAND_IN_PATH);
+    usleep(300000);
+    for (size_t extra : {0, 1000, 5000}) {
+      grow_to(extra);
+      std::vector<Contender> c = contenders(std::to_string(monitored), android_path, plain_path);
+      measure(c, quick ? 5 : (extra == 0 ? 200 : extra == 1000 ? 60 : 25));
+      double daemon = median(c[0].cpu_us), floor = median(c[1].cpu_us);
+      double readfile = median(c[2].cpu_us), pgrep = median(c[3].cpu_us);
+      double psgrep = median(c[4].cpu_us);
+      printf(
+          "| %d | %zu | %.0f µs | %.0f µs | %.0f µs | %.0f µs | %.0f µs | %.2f | %.2f | %.1f | "
+          "%.0f µs | %.0f µs |\n",
+          threads, extra, daemon, floor, readfile, pgrep, psgrep, daemon / floor, daemon / readfile,
+          pgrep / daemon, median(c[5].wall_us), median(c[6].wall_us));
+      fflush(stdout);
+      if (threads != 2) continue;
+      ratios.walk.push_back(daemon / floor);
+      ratios.readfile.push_back(daemon / readfile);
+      fprintf(data, "%zu %.1f %.1f %.1f %.1f\n", extra, daemon, floor, pgrep, psgrep);
+    }
+    end_sleepers();
+    kill(monitored, SIGKILL);
+    waitpid(monitored, nullptr, 0);
+  }
+  fclose(data);
+  return true;
+}
+
+struct Idle {
+  double daemon_ms, floor_ms, wakeups;
+};
+
+// Idle: the real daemon with nothing to find beside the pacing floor, side by side.
+Idle idle_cost(bool quick, const char* self) {
+  int seconds = quick ? 10 : 60;
+  std::string props = write_props(
+      "persist.vendor.sw.enable=1\npersist.vendor.sw.debug=0\n"
+      "persist.vendor.sw.processes=nothing_runs_here\n");
+  pid_t daemon = spawn({STALL_WARD_PATH}, "",
+                       {"STALL_WARD_PROPERTIES=" + props, "STALL_WARD_SYSRQ_TRIGGER=/dev/null"});
+  pid_t pacer = spawn({self, "--pace-loop"});
+  usleep(200000);
+  int64_t d0 = process_cpu_ns(daemon), p0 = process_cpu_ns(pacer);
+  long w0 = status_field(daemon, "voluntary_ctxt_switches:");
+  sleep(static_cast<unsigned>(seconds));
+  int64_t d1 = process_cpu_ns(daemon), p1 = process_cpu_ns(pacer);
+  Idle idle = {
+      (d1 - d0) / 1e6, (p1 - p0) / 1e6,
+      static_cast<double>(status_field(daemon, "voluntary_ctxt_switches:") - w0) / seconds};
+  for (pid_t p : {daemon, pacer}) kill(p, SIGKILL), waitpid(p, nullptr, 0);
+  printf(
+      "\nidle over %d s: daemon %.1f ms CPU (%.1f ms a second), %.1f wake-ups a second; "
+      "pacing floor %.1f ms CPU, ratio %.2f\n",
+      seconds, idle.daemon_ms, idle.daemon_ms / seconds, idle.wakeups, idle.floor_ms,
+      idle.daemon_ms / idle.floor_ms);
+  return idle;
+}
+
+// How many sweeps the daemon's log shows so far.
+int sweeps_logged(const std::string& log) {
+  FILE* f = fopen(log.c_str(), "r");
+  int sweeps = 0;
+  for (char line[512]; f != nullptr && fgets(line, sizeof(line), f) != nullptr;) {
+    sweeps += strstr(line, "stall_ward: close proc") != nullptr;
+  }
+  if (f != nullptr) fclose(f);
+  return sweeps;
+}
+
+struct Memory {
+  long pss_kib, private_kib;
+};
+
+// Resident memory after 1,000 sweeps, time sped up 1000-fold so that they take seconds.
+Memory memory_after_sweeps(bool quick) {
+  std::string log = "/tmp/sweep_bench.daemon.log";
+  std::string props = write_props("persist.vendor.sw.enable=1\n");
+  pid_t fast = spawn({"sh", "-c", std::string("exec ") + STALL_WARD_PATH + " 2>" + log}, "",
+                     {"STALL_WARD_PROPERTIES=" + props, "STALL_WARD_SYSRQ_TRIGGER=/dev/null",
+                      std::string("LD_PRELOAD=") + FAKETIME_LIB, "FAKETIME=+0 x1000"},
+                     false);
+  int sweeps = 0;
+  const int want = quick ? 100 : 1000;
+  for (int waited = 0; sweeps < want && waited < 600; ++waited) {
+    sleep(1);
+    sweeps = sweeps_logged(log);
+  }
+  long rss = status_field(fast, "VmRSS:");
+  Memory m = {smaps_rollup_kib(fast, "Pss:"),
+              smaps_rollup_kib(fast, "Private_Clean:") + smaps_rollup_kib(fast, "Private_Dirty:")};
+  kill(fast, SIGKILL);
+  waitpid(fast, nullptr, 0);
+  unlink(log.c_str());
+  printf("memory after %d sweeps: resident %ld KiB, proportional %ld KiB, private %ld KiB\n",
+         sweeps, rss, m.pss_kib, m.private_kib);
+  return m;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   bool quick = false;
   int profile = 0;
   std::string data_path = "build/bench/sweep.dat";
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--pace-loop") pace_loop();
-    if (arg == "--quick") quick = true;
-    if (arg == "--data" && i + 1 < argc) data_path = argv[++i];
-    if (arg == "--profile" && i + 1 < argc) profile = atoi(argv[++i]);
+  const option options[] = {{"pace-loop", no_argument, nullptr, 'P'},
+                            {"quick", no_argument, nullptr, 'q'},
+                            {"data", required_argument, nullptr, 'd'},
+                            {"profile", required_argument, nullptr, 'p'},
+                            {nullptr, 0, nullptr, 0}};
+  for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+    if (c == 'P') pace_loop();
+    if (c == 'q') quick = true;
+    if (c == 'd') data_path = optarg;
+    if (c == 'p') profile = atoi(optarg);
+    if (c == '?') return 64;
   }
   signal(SIGALRM, SIG_IGN);
-  const std::vector<size_t> sizes = {0, 1000, 5000};
-  const std::string android_ps = ANDROID_PS_DIR;
 
   // The daemon's configuration: the default monitor entry, debug off, as a quiet device runs.
   setenv("STALL_WARD_PROPERTIES",
@@ -272,160 +448,17 @@ int main(int argc, char** argv) {
   interval_ms = 30000;
   alarm_ms = 120000;
   get_monitor_info();
-  std::string plain_path = getenv("PATH"), android_path = android_ps + ":" + plain_path;
-  if (profile > 0) {
-    for (int i = 0; i < profile; ++i) {
-      collect_proc_info(false);
-      scan_process_status();
-    }
-    return 0;
-  }
+  for (int i = 0; i < profile; ++i) collect_proc_info(false), scan_process_status();
+  if (profile > 0) return 0;
 
-  FILE* data = fopen(data_path.c_str(), "w");
-  if (data == nullptr) {
-    perror(data_path.c_str());
-    return 1;
-  }
-  fprintf(data, "# extra daemon_us floor_us pgrep_us psgrep_us (2 threads, CPU per sweep)\n");
+  Ratios r;
+  if (!sweep_table(quick, data_path, r)) return 1;
+  Idle idle = idle_cost(quick, argv[0]);
+  Memory m = memory_after_sweeps(quick);
   printf(
-      "| threads | extra processes | daemon walk | floor | readfile floor | pgrep -x | "
-      "ps -e \\| grep | daemon/floor | daemon/readfile floor | pgrep/daemon | shell sweep | "
-      "its commands |\n");
-  printf("|---|---|---|---|---|---|---|---|---|---|---|---|\n");
-  std::vector<double> walk_ratios, readfile_ratios;
-  for (int threads : {2, 50}) {
-    std::vector<std::string> stand_in = {std::string("/system/bin/") + kName, "--thread",
-                                         std::string(kThread) + ":S"};
-    for (int t = 1; t < threads; ++t) stand_in.insert(stand_in.end(), {"--thread", "binder:S"});
-    pid_t monitored = spawn(stand_in, STAND_IN_PATH);
-    usleep(300000);
-    std::string pid = std::to_string(monitored);
-    for (size_t extra : sizes) {
-      grow_to(extra);
-      std::vector<Contender> c = {
-          {"daemon",
-           [] {
-             collect_proc_info(false);
-             scan_process_status();
-           },
-           {},
-           {}},
-          {"floor", floor_sweep, {}, {}},
-          {"readfile floor",
-           [] {
-             read_small = read_through_libbase;
-             floor_sweep();
-             read_small = read_raw;
-           },
-           {},
-           {}},
-          {"pgrep",
-           [] {
-             run({"pgrep", "-x", kName});
-           },
-           {},
-           {}},
-          {"psgrep",
-           [] {
-             run({"sh", "-c", std::string("ps -e | grep ") + kName});
-           },
-           {},
-           {}},
-          {"shell",
-           [&] {
-             setenv("PATH", android_path.c_str(), 1);
-             collect_proc_info(true);
-             scan_process_status();
-             setenv("PATH", plain_path.c_str(), 1);
-           },
-           {},
-           {}},
-          {"commands",
-           [&] {
-             setenv("PATH", android_path.c_str(), 1);
-             run({"sh", "-c", std::string("ps -e|grep ") + kName});
-             run({"sh", "-c", "ps -T -p " + pid + " |grep " + kThread});
-             setenv("PATH", plain_path.c_str(), 1);
-           },
-           {},
-           {}},
-      };
-      int rounds = quick ? 5 : (extra == 0 ? 200 : extra == 1000 ? 60 : 25);
-      measure(c, rounds);
-      double daemon = median(c[0].cpu_us), floor = median(c[1].cpu_us);
-      double pgrep = median(c[3].cpu_us), psgrep = median(c[4].cpu_us);
-      printf(
-          "| %d | %zu | %.0f µs | %.0f µs | %.0f µs | %.0f µs | %.0f µs | %.2f | %.2f | %.1f | "
-          "%.0f µs | %.0f µs |\n",
-          threads, extra, daemon, floor, median(c[2].cpu_us), pgrep, psgrep, daemon / floor,
-          daemon / median(c[2].cpu_us), pgrep / daemon, median(c[5].wall_us),
-          median(c[6].wall_us));
-      fflush(stdout);
-      if (threads == 2) {
-        walk_ratios.push_back(daemon / floor);
-        readfile_ratios.push_back(daemon / median(c[2].cpu_us));
-        fprintf(data, "%zu %.1f %.1f %.1f %.1f\n", extra, daemon, floor, pgrep, psgrep);
-      }
-    }
-    end_sleepers();
-    kill(monitored, SIGKILL);
-    waitpid(monitored, nullptr, 0);
-  }
-  fclose(data);
-
-  // Idle: the real daemon with nothing to find beside the pacing floor, side by side.
-  int idle_seconds = quick ? 10 : 60;
-  std::string idle_props = write_props(
-      "persist.vendor.sw.enable=1\npersist.vendor.sw.debug=0\n"
-      "persist.vendor.sw.processes=nothing_runs_here\n");
-  pid_t daemon =
-      spawn({STALL_WARD_PATH}, "",
-            {"STALL_WARD_PROPERTIES=" + idle_props, "STALL_WARD_SYSRQ_TRIGGER=/dev/null"});
-  pid_t pacer = spawn({argv[0], "--pace-loop"});
-  usleep(200000);
-  int64_t d0 = process_cpu_ns(daemon), p0 = process_cpu_ns(pacer);
-  long w0 = status_field(daemon, "voluntary_ctxt_switches:");
-  sleep(static_cast<unsigned>(idle_seconds));
-  int64_t d1 = process_cpu_ns(daemon), p1 = process_cpu_ns(pacer);
-  double wakeups = static_cast<double>(status_field(daemon, "voluntary_ctxt_switches:") - w0) /
-                   idle_seconds;
-  double idle_daemon = (d1 - d0) / 1e6, idle_floor = (p1 - p0) / 1e6;
-  for (pid_t p : {daemon, pacer}) kill(p, SIGKILL), waitpid(p, nullptr, 0);
-  printf("\nidle over %d s: daemon %.1f ms CPU (%.1f ms a second), %.1f wake-ups a second; "
-         "pacing floor %.1f ms CPU, ratio %.2f\n",
-         idle_seconds, idle_daemon, idle_daemon / idle_seconds, wakeups, idle_floor,
-         idle_daemon / idle_floor);
-
-  // Resident memory after 1,000 sweeps, time sped up 1000-fold so that they take seconds.
-  std::string log = "/tmp/sweep_bench.daemon.log";
-  std::string rss_props = write_props("persist.vendor.sw.enable=1\n");
-  pid_t fast = spawn({"sh", "-c", std::string("exec ") + STALL_WARD_PATH + " 2>" + log}, "",
-                     {"STALL_WARD_PROPERTIES=" + rss_props, "STALL_WARD_SYSRQ_TRIGGER=/dev/null",
-                      std::string("LD_PRELOAD=") + FAKETIME_LIB, "FAKETIME=+0 x1000"},
-                     false);
-  int sweeps = 0;
-  const int want = quick ? 100 : 1000;
-  for (int waited = 0; sweeps < want && waited < 600; ++waited) {
-    sleep(1);
-    FILE* f = fopen(log.c_str(), "r");
-    sweeps = 0;
-    for (char line[512]; f != nullptr && fgets(line, sizeof(line), f) != nullptr;) {
-      sweeps += strstr(line, "stall_ward: close proc") != nullptr;
-    }
-    if (f != nullptr) fclose(f);
-  }
-  long rss = status_field(fast, "VmRSS:");
-  long pss = smaps_rollup_kib(fast, "Pss:");
-  long private_kib = smaps_rollup_kib(fast, "Private_Clean:") + smaps_rollup_kib(fast, "Private_Dirty:");
-  kill(fast, SIGKILL);
-  waitpid(fast, nullptr, 0);
-  unlink(log.c_str());
-  printf("memory after %d sweeps: resident %ld KiB, proportional %ld KiB, private %ld KiB\n",
-         sweeps, rss, pss, private_kib);
-
-  printf("ratios walk/floor=%.2f,%.2f,%.2f walk/readfile_floor=%.2f,%.2f,%.2f idle/floor=%.2f "
-         "pss_kib=%ld private_kib=%ld wakeups_per_s=%.1f\n",
-         walk_ratios[0], walk_ratios[1], walk_ratios[2], readfile_ratios[0], readfile_ratios[1],
-         readfile_ratios[2], idle_daemon / idle_floor, pss, private_kib, wakeups);
+      "ratios walk/floor=%.2f,%.2f,%.2f walk/readfile_floor=%.2f,%.2f,%.2f idle/floor=%.2f "
+      "pss_kib=%ld private_kib=%ld wakeups_per_s=%.1f\n",
+      r.walk[0], r.walk[1], r.walk[2], r.readfile[0], r.readfile[1], r.readfile[2],
+      idle.daemon_ms / idle.floor_ms, m.pss_kib, m.private_kib, idle.wakeups);
   return 0;
 }
