@@ -77,7 +77,7 @@ bool stall_ward_init() {
   }
   proc_dir.fd = open(kProcDir, kDirOpenFlags);
   if (proc_dir.fd < 0) {
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "init failed because of open proc");
+    sw_log(Msg::kInitFailed);
     return false;
   }
   if (!enabled) return false;
@@ -119,13 +119,13 @@ uint64_t stall_wrad_check() {
   timespec end = {};
   clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
   int64_t cost = elapsed_ms(now, end);
-  if (cost >= 10001) DLOGE("long time cost: %lld", static_cast<long long>(cost));
+  if (cost >= 10001) sw_log(Msg::kLongCost, static_cast<long long>(cost));
   return next_wait(cost, overrun);
 }
 
 // The daemon's own loop has not come back for a whole timeout: ask the kernel for its dumps.
 void alarm_handler(int /*sig*/) {
-  DLOGE("Alarm! self stuck!");
+  sw_log(Msg::kAlarm);
   do_sys_rq("w");
   do_sys_rq("l");
 }
@@ -133,7 +133,7 @@ void alarm_handler(int /*sig*/) {
 // Weak, so that a test program linking the daemon's objects can bring its own main.
 __attribute__((weak)) int main(int /*argc*/, char** /*argv*/) {
   prctl(PR_SET_DUMPABLE, 0);
-  __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "started");
+  sw_log(Msg::kStarted);
   bool ready = stall_ward_init();
   sched_param param = {};
   sched_setscheduler(0, SCHED_BATCH, &param);
@@ -152,7 +152,7 @@ void parse_monitor_list(const std::string& value, std::vector<monitor_info>* lis
   for (const std::string& entry : string_split(value, " ")) {
     std::vector<std::string> pieces = string_split(entry, ":");
     if (pieces.empty()) {
-      DLOGI("monitor entry \"%s\" names no process, skipped", entry.c_str());
+      sw_log(Msg::kEntryWithoutProcess, entry.c_str());
       continue;
     }
     monitor_info info{pieces.size() > 1, pieces[0], {}};
@@ -174,23 +174,23 @@ void get_monitor_info() {
   if (!debug_enabled) return;
   for (const monitor_info& info : monitor_list) {
     if (info.has_threads) {
-      DLOGD("monitor %s threads:", info.name.c_str());
-      for (const std::string& thread : info.threads) DLOGD("%s", thread.c_str());
+      sw_log(Msg::kMonitorThreads, info.name.c_str());
+      for (const std::string& thread : info.threads) sw_log(Msg::kListItem, thread.c_str());
     } else {
-      DLOGD("monitor %s main", info.name.c_str());
+      sw_log(Msg::kMonitorMain, info.name.c_str());
     }
   }
-  DLOGD("mTids:");
-  for (const auto& entry : mTids) DLOGD("%s", entry.first.c_str());
+  sw_log(Msg::kRecordsFollow);
+  for (const auto& entry : mTids) sw_log(Msg::kListItem, entry.first.c_str());
 }
 
 proc* proc_lookup(const char* name) {
   auto it = mTids.find(std::string(name));
   if (it == mTids.end()) {
-    DLOGI("%s not in monitor list", name);
+    sw_log(Msg::kNotInList, name);
     return nullptr;
   }
-  DLOGI("find record for %s", name);
+  sw_log(Msg::kFindRecord, name);
   return &it->second;
 }
 
@@ -201,7 +201,7 @@ proc* proc_lookup(const char* name) {
 // as empty. content keeps its capacity from one read to the next.
 static void read_file(const std::string& path, std::string* content) {
   if (!android::base::ReadFileToString(path, content, false)) {
-    DLOGI("Read %s failed", path.c_str());
+    sw_log(Msg::kReadFailed, path.c_str());
     content->clear();
   }
 }
@@ -261,7 +261,7 @@ bool in_frozen_cgroup(const std::string& content) {
 void get_schedstat(proc* rec, const std::string& task_path) {
   std::string content = read_file(task_path + "/schedstat");
   if (content.empty()) {
-    DLOGI("read schedstat failed %s", task_path.c_str());
+    sw_log(Msg::kSchedstatFailed, task_path.c_str());
     return;
   }
   unsigned long long count = ~0ULL;
@@ -271,7 +271,7 @@ void get_schedstat(proc* rec, const std::string& task_path) {
     rec->stuck_ms = 0;
     rec->reported = false;
   }
-  DLOGI("switches:%lu", static_cast<unsigned long>(rec->switches));
+  sw_log(Msg::kSwitches, static_cast<unsigned long>(rec->switches));
 }
 
 static void rebind(proc* rec) {
@@ -286,15 +286,14 @@ static void rebind(proc* rec) {
 void get_stat(pid_info* info, std::string task_path) {
   std::string content = read_file(task_path + "/stat");
   if (content.empty()) {
-    DLOGI("read stat failed");
+    sw_log(Msg::kStatFailed);
     return;
   }
   stat_fields f;
   int matched = parse_stat(content, &f);
-  DLOGI("match=%d, tid=%u, comm=%s, state=%c, ppid=%u, utime=%u, stime=%u", matched, f.tid, f.comm,
-        f.state, f.ppid, f.utime, f.stime);
+  sw_log(Msg::kStatSample, matched, f.tid, f.comm, f.state, f.ppid, f.utime, f.stime);
   if (matched != 6) {
-    DLOGI("stat err match");
+    sw_log(Msg::kStatMismatch);
     return;
   }
   const unsigned tid = f.tid, ppid = f.ppid;
@@ -309,7 +308,7 @@ void get_stat(pid_info* info, std::string task_path) {
     rec->tid = tid;
     rec->ppid = ppid;
     rec->cmd = get_proc_name(std::to_string(tid));
-    DLOGI("change tid=%u comm=%s cmd=%s", rec->tid, rec->comm, rec->cmd.c_str());
+    sw_log(Msg::kRebind, rec->tid, rec->comm, rec->cmd.c_str());
   }
   rec->updated = true;
   // The parent's name is read afresh each time, from the ppid recorded at the bind.
@@ -337,18 +336,18 @@ void get_stat(pid_info* info, std::string task_path) {
     get_schedstat(rec, task_path);
   } else {
     rec->stuck_ms = 0;
-    DLOGI("Not monitor state=%c", state);
+    sw_log(Msg::kNotWatchedState, state);
   }
 }
 
 void read_stat_with_proc(pid_info* info) {
   if (info == nullptr) {
-    DLOGI("read_stat_with_proc nullptr");
+    sw_log(Msg::kNoInfo);
     return;
   }
   char path[1024] = {};
-  snprintf(path, sizeof(path), "/proc/%d/task/%d", info->pid, info->tid);
-  DLOGI("reading %s", path);
+  snprintf(path, sizeof(path), kTaskPathFormat, info->pid, info->tid);
+  sw_log(Msg::kReading, path);
   get_stat(info, path);
 }
 
@@ -416,7 +415,7 @@ static void walk_tasks(pid_info* info, const monitor_info& matched,
   std::string task_dir_path = proc_path + "/task/";
   task_dir.fd = open(task_dir_path.c_str(), kDirOpenFlags);
   if (task_dir.fd < 0) {
-    DLOGI("open %s failed", task_dir_path.c_str());
+    sw_log(Msg::kTaskDirFailed, task_dir_path.c_str());
     return;
   }
   // When the first batch cannot be read, the process's own /proc record is looked at once as if
@@ -429,7 +428,7 @@ static void walk_tasks(pid_info* info, const monitor_info& matched,
     std::string task_path = task_dir_path + entry->d_name;
     std::string comm = get_comm(task_path);
     if (matched.threads.count(comm) == 0) continue;
-    DLOGI("check monitor thread:%s", task_path.c_str());
+    sw_log(Msg::kCheckThread, task_path.c_str());
     info->tid = atoi(entry->d_name);
     get_stat(info, task_path);
   } while ((entry = task_dir.next_entry()) != nullptr);
@@ -439,7 +438,7 @@ static void walk_tasks(pid_info* info, const monitor_info& matched,
     if (rec == nullptr || rec->updated) continue;
     rec->pid = static_cast<uint32_t>(info->pid);
     rec->stuck_ms += interval_ms;
-    DLOGI("thread %s not start", name.c_str());
+    sw_log(Msg::kThreadNotStarted, name.c_str());
   }
   // task_dir closes its descriptor here.
 }
@@ -453,11 +452,11 @@ static const monitor_info* first_entry_named(const std::string& name) {
 }
 
 static void walk_proc(pid_info* info) {
-  DLOGI("go through proc");
+  sw_log(Msg::kProcWalk);
   if (proc_dir.fd < 0) {
     proc_dir.fd = open(kProcDir, kDirOpenFlags);
     if (proc_dir.fd < 0) {
-      DLOGE("opendir %s failed!", kProcDir);
+      sw_log(Msg::kProcDirFailed, kProcDir);
       return;
     }
   }
@@ -469,7 +468,7 @@ static void walk_proc(pid_info* info) {
     if (name.empty()) continue;
     const monitor_info* matched = first_entry_named(command_base_name(name));
     if (matched == nullptr) continue;
-    DLOGI("find monitored proc %s:%s", entry->d_name, matched->name.c_str());
+    sw_log(Msg::kFoundProcess, entry->d_name, matched->name.c_str());
     info->pid = atoi(entry->d_name);
     if (!matched->has_threads) {
       info->tid = info->pid;
@@ -479,7 +478,7 @@ static void walk_proc(pid_info* info) {
     }
   }
   proc_dir.close_dir();
-  DLOGI("close proc");
+  sw_log(Msg::kProcWalkEnd);
 }
 
 // An absent thread of a running process, found through ps: the record is bound to that process
@@ -540,11 +539,11 @@ void scan_process_status() {
   for (auto& entry : mTids) {
     proc& rec = entry.second;
     if (rec.frozen) {
-      DLOGI("%s frozen", rec.comm);
+      sw_log(Msg::kFrozen, rec.comm);
       continue;
     }
     if (rec.pid == kNoId) {
-      DLOGI("%s proc not started", entry.first.c_str());
+      sw_log(Msg::kProcessNotStarted, entry.first.c_str());
       continue;
     }
     if (rec.stuck_ms < alarm_ms) continue;
@@ -569,7 +568,7 @@ void scan_process_status() {
       do_sys_rq("l");
       usleep(kDumpPauseUs);
       rec.reported = true;
-      DLOGI("dumped %u %c", rec.pid, rec.state);
+      sw_log(Msg::kDumpedThread, rec.pid, rec.state);
       continue;
     }
     if (rec.reported) {
@@ -582,7 +581,7 @@ void scan_process_status() {
       usleep(kDumpPauseUs);
     }
     kill(static_cast<pid_t>(rec.pid), kDumpSignal);  // the pid is read again after the pause
-    DLOGI("dumped %u", rec.pid);
+    sw_log(Msg::kDumped, rec.pid);
     rec.reported = true;
   }
 }
@@ -591,7 +590,7 @@ void do_sys_rq(const char* command) {
   // Runs in the SIGALRM handler too: a local descriptor and plain system calls only.
   int fd = open(sysrq_trigger, O_WRONLY | O_CLOEXEC);
   if (fd < 0) {
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "open sysrq failed!");
+    sw_log(Msg::kSysrqFailed);
     return;
   }
   // The terminating NUL goes to the kernel too.
@@ -602,18 +601,18 @@ void do_sys_rq(const char* command) {
 
 void handle_policy(int pid) {
   if (policy == POLICY_PANIC) {
-    DLOGI("trigger crash according to policy");
+    sw_log(Msg::kPolicyPanic);
     do_sys_rq("w");
     do_sys_rq("l");
     usleep(kDumpPauseUs);
     do_sys_rq("c");
   } else if (policy == POLICY_REBOOT) {
-    DLOGI("rebooting");
+    sw_log(Msg::kPolicyReboot);
     android_reboot(ANDROID_RB_RESTART2, 0, LOG_TAG);
   } else if (policy != POLICY_KILL) {
-    DLOGI("nothing to do accroding to policy");
+    sw_log(Msg::kPolicyNothing);
   } else {
-    DLOGI("killing proc %u", static_cast<unsigned>(pid));
+    sw_log(Msg::kPolicyKill, static_cast<unsigned>(pid));
     kill(pid, SIGKILL);
   }
 }

@@ -3,6 +3,7 @@
 
 #include <cutils/properties.h>
 #include <errno.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,16 +12,25 @@
 
 #include "stall_ward.h"
 
+void sw_log(Msg id, ...) {
+  const Message& m = message(id);
+  if (m.debug_only && !debug_enabled) return;
+  va_list args;
+  va_start(args, id);
+  __android_log_vprint(m.priority, LOG_TAG, m.format, args);
+  va_end(args);
+}
+
 bool get_prop_bool(const char* key, bool default_value) {
   bool value = property_get_bool(key, default_value) != 0;
-  DLOGI("get %s =%d", key, value ? 1 : 0);
+  sw_log(Msg::kGetNumber, key, value ? 1 : 0);
   return value;
 }
 
 int get_prop_int(const char* key, long default_value) {
   // Cut to the low 32 bits, not clamped: 4294967416 reads as 120.
   int value = static_cast<int>(static_cast<uint32_t>(property_get_int64(key, default_value)));
-  DLOGI("get %s =%d", key, value);
+  sw_log(Msg::kGetNumber, key, value);
   return value;
 }
 
@@ -28,24 +38,24 @@ std::string get_prop_string(const char* key, const char* default_value) {
   char value[PROPERTY_VALUE_MAX];
   memset(value, 0, sizeof(value));
   property_get(key, value, default_value);
-  DLOGI("get %s =%s", key, value);
+  sw_log(Msg::kGetString, key, value);
   return std::string(value);
 }
 
 int exec_command(const char* command, char* output) {
   if (command == nullptr || output == nullptr) return -1;
   output[0] = '\0';
-  DLOGI("[sh] cmd=%s", command);
+  sw_log(Msg::kShellCommand, command);
   FILE* stream = popen(command, "r");
   if (stream == nullptr) {
-    DLOGI("[sh] %s failed", command);
+    sw_log(Msg::kShellFailed, command);
     return -1;
   }
   // One read: output past the first kilobyte is never looked at.
   size_t ignored = fread(output, 1, kShellOutputSize, stream);
   (void)ignored;
   output[kShellOutputSize - 1] = '\0';
-  DLOGI("[sh] ret=%s", output);
+  sw_log(Msg::kShellOutput, output);
   return pclose(stream) == -1 ? errno : 0;
 }
 
@@ -101,22 +111,22 @@ bool is_sh_available() {
   std::string printed;
   int verdict = ps_self_test(run_ps(kPsSelfTest), std::to_string(getpid()), &printed);
   if (verdict < 0) return false;
-  DLOGI("[sh] sw=%s ret=%d", printed.c_str(), verdict);
+  sw_log(Msg::kShellSelfTest, printed.c_str(), verdict);
   return verdict == 1;
 }
 
 void sh_find_proc(pid_info* info, const std::string& proc_name, const std::string& thread_name) {
   std::string pid_token, tid_token;
-  if (!parse_ps_process(run_ps("ps -e|grep " + proc_name), info, &pid_token)) {
-    DLOGI("[sh] proc %s not started", proc_name.c_str());
+  if (!parse_ps_process(run_ps(kPsProcessQuery + proc_name), info, &pid_token)) {
+    sw_log(Msg::kShellProcessMissing, proc_name.c_str());
     return;
   }
   if (thread_name.empty()) return;
-  if (!parse_ps_thread(run_ps("ps -T -p " + pid_token + " |grep " + thread_name), &tid_token)) {
+  if (!parse_ps_thread(run_ps(kPsThreadQuery + pid_token + " |grep " + thread_name), &tid_token)) {
     info->tid = -1;
-    DLOGI("[sh] thread %s not found", thread_name.c_str());
+    sw_log(Msg::kShellThreadMissing, thread_name.c_str());
     return;
   }
-  DLOGI("[sh] tid=%s", tid_token.c_str());
+  sw_log(Msg::kShellThreadId, tid_token.c_str());
   info->tid = atoi(tid_token.c_str());
 }

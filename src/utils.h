@@ -1,27 +1,14 @@
 // Property readers, the shell command runner and splitter, and the ps-based lookups.
 #pragma once
 
-#include <android/log.h>
-
 #include <string>
 #include <vector>
+
+#include "messages.h"
 
 #define LOG_TAG "stall_ward"
 
 extern bool debug_enabled;
-
-// Log lines written only while the debug property is on; the few lines that are always written
-// call __android_log_print directly.
-#define SW_LOG_IF_DEBUG(prio, ...)                                      \
-  do {                                                                  \
-    if (debug_enabled) __android_log_print(prio, LOG_TAG, __VA_ARGS__); \
-  } while (0)
-#define DLOGD(...) SW_LOG_IF_DEBUG(ANDROID_LOG_DEBUG, __VA_ARGS__)
-#define DLOGI(...) SW_LOG_IF_DEBUG(ANDROID_LOG_INFO, __VA_ARGS__)
-#define DLOGE(...) SW_LOG_IF_DEBUG(ANDROID_LOG_ERROR, __VA_ARGS__)
-
-// The ps self-test: its output shows the daemon under its own pid when ps works for it.
-constexpr const char* kPsSelfTest = "ps -e |grep stall_ward";
 
 // Size of the buffer exec_command fills; callers zero it before each call.
 constexpr size_t kShellOutputSize = 1024;

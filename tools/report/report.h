@@ -10,7 +10,10 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "messages.h"
 
 namespace report {
 
@@ -41,6 +44,16 @@ bool parse_line(const std::string& raw, Line* line);
 extern const int kDaysBefore[13];
 // The milliseconds Line::ms holds for a logcat clock ("MM-DD hh:mm:ss.mmm"), -1 for another.
 int64_t clock_ms(const std::string& clock);
+
+// A line of the daemon told apart by its own message table: the first message whose format the
+// text matches whole (the bare list item matches anything), and each conversion's text.
+struct DaemonLine {
+  static constexpr int kMaxFields = 8;
+  Msg id = Msg::kListItem;
+  std::string_view field[kMaxFields];
+  int fields = 0;
+};
+DaemonLine match_daemon_line(const std::string& text);
 
 struct InputStats {
   uint64_t lines = 0;               // lines looked at (in a bug report: in its log sections)

@@ -41,7 +41,7 @@ struct Context {
   std::string process;
   // Start-up lists the thread names of an entry after "monitor NAME threads:", and the records
   // after "mTids:", one a line.
-  enum { kNone, kThreads, kRecords } listing = kNone;
+  enum Listing { kNone, kThreads, kRecords } listing = kNone;
   bool sweep_way_known = true;
 };
 
@@ -310,143 +310,261 @@ void setting(Builder* b, const std::string& key, const std::string& value) {
   if (key == kPropTimeout) set_timeout(run_of(b), atoll(value.c_str()));
 }
 
-void daemon_line(Builder* b, const Line& line) {
-  const std::string& m = line.text;
-  if (m == "started") {
-    start_run(b, line, true);
-    return;
+std::string text_of(std::string_view field) {
+  return std::string(field);
+}
+
+int number(std::string_view field) {
+  return atoi(text_of(field).c_str());
+}
+
+// Start-up: the settings read, the watched entries and, one a line, their threads and the records.
+void startup_line(Builder* b, const DaemonLine& d, Context::Listing listing) {
+  Run& run = *run_of(b);
+  const std::string_view* f = d.field;
+  if (d.id == Msg::kGetNumber || d.id == Msg::kGetString) {
+    setting(b, text_of(f[0]), text_of(f[1]));
+  } else if (d.id == Msg::kMonitorThreads) {
+    run.watches.push_back(text_of(f[0]) + ":");
+    ctx_of(b)->listing = Context::kThreads;
+  } else if (d.id == Msg::kMonitorMain) {
+    run.watches.push_back(text_of(f[0]) + ": main thread");
+  } else if (d.id == Msg::kRecordsFollow) {
+    ctx_of(b)->listing = Context::kRecords;
+  } else if (listing == Context::kThreads && !run.watches.empty()) {
+    run.watches.back() += (run.watches.back().back() == ':' ? " " : ", ") + text_of(f[0]);
+  } else if (listing == Context::kRecords) {
+    record(b, text_of(f[0]));  // known before any sample, so that a process never started shows
   }
+}
+
+// What a shell lookup asks: the self-test that begins a sweep, a process by name, its threads.
+void shell_command(Builder* b, std::string_view command) {
+  if (command == kPsSelfTest) {
+    start_sweep(b, false, false);
+  } else if (command.substr(0, strlen(kPsProcessQuery)) == kPsProcessQuery) {
+    close_sample(b);
+    set_way(b, false);
+    ctx_of(b)->process = text_of(command.substr(strlen(kPsProcessQuery)));
+    ctx_of(b)->pid = -1;
+  } else if (command.substr(0, strlen(kPsThreadQuery)) == kPsThreadQuery) {
+    close_sample(b);
+    ctx_of(b)->pid = number(command.substr(strlen(kPsThreadQuery)));
+  }
+}
+
+void stat_sample(Builder* b, const Line& line, const DaemonLine& d) {
+  close_sample(b);
+  if (number(d.field[0]) != 6) return;
+  ctx_of(b)->sample = Sample();
+  Sample& s = ctx_of(b)->sample;
+  s.open = true;
+  s.comm = text_of(d.field[2]);
+  s.tid = number(d.field[1]);
+  s.state = d.field[3][0];
+  s.ppid = number(d.field[4]);
+  s.cpu = strtoull(text_of(d.field[5]).c_str(), nullptr, 10) +
+          strtoull(text_of(d.field[6]).c_str(), nullptr, 10);
+  s.line = line;
+}
+
+// A sweep's lines: the way it goes, the process and thread it looks at, the sample's outcome.
+void sweep_line(Builder* b, const Line& line, const DaemonLine& d) {
+  const std::string_view* f = d.field;
+  Sample& s = ctx_of(b)->sample;
+  int pid = 0, tid = 0;
+  switch (d.id) {
+    case Msg::kShellCommand:
+      return shell_command(b, f[0]);
+    case Msg::kProcWalk:
+      if (ctx_of(b)->sweep_way_known) start_sweep(b, true, true);
+      return set_way(b, true);
+    case Msg::kReading:
+      if (sscanf(text_of(f[0]).c_str(), kTaskPathFormat, &pid, &tid) != 2) return;
+      close_sample(b);
+      ctx_of(b)->pid = pid;
+      return;
+    case Msg::kFoundProcess:
+      close_sample(b);
+      ctx_of(b)->pid = number(f[0]);
+      ctx_of(b)->process = text_of(f[1]);
+      return;
+    case Msg::kStatSample:
+      return stat_sample(b, line, d);
+    case Msg::kFindRecord:
+      if (s.open && f[0] == s.comm) s.looked_up = true;
+      return;
+    case Msg::kRebind:
+      s.rebound = true;
+      s.cmd = text_of(f[2]);
+      return;
+    case Msg::kSwitches:
+      s.watched = true;
+      s.switches = strtoull(text_of(f[0]).c_str(), nullptr, 10);
+      return close_sample(b);
+    case Msg::kNotWatchedState:
+    case Msg::kSchedstatFailed:
+      s.watched = d.id == Msg::kSchedstatFailed;
+      return close_sample(b);
+    case Msg::kThreadNotStarted:
+    case Msg::kShellThreadMissing:
+      return absent_thread(b, line, text_of(f[0]), d.id == Msg::kShellThreadMissing);
+    default:
+      return;
+  }
+}
+
+// A record whose process is not running or sits in the freezer, logged by its name (a frozen one
+// by its comm, which may be cut).
+void not_running(Builder* b, const Line& line, const std::string& name, bool frozen) {
+  close_sample(b);
+  for (auto& entry : run_of(b)->records) {
+    if (!StartsWith(entry.first, name)) continue;
+    Record& rec = entry.second;
+    const char* kind = frozen ? "frozen" : "not-started";
+    if (rec.marks.empty() || rec.marks.back().kind != kind) {
+      rec.marks.push_back(
+          mark(line, kind, frozen ? "in the cgroup freezer" : "process not running"));
+    }
+    break;
+  }
+}
+
+// Judgment: the evidence gathered, the policy applied; and the daemon's own troubles.
+void judgment_line(Builder* b, const Line& line, const DaemonLine& d) {
+  const std::string_view* f = d.field;
+  Run& run = *run_of(b);
+  switch (d.id) {
+    case Msg::kDumpedThread:
+      return evidence(b, line, number(f[0]), f[1][0]);
+    case Msg::kDumped:
+      return evidence(b, line, number(f[0]), 0);
+    case Msg::kPolicyKill:
+      return policy(b, line, number(f[0]), "killed pid " + std::to_string(number(f[0])));
+    case Msg::kPolicyReboot:
+      return policy(b, line, -1, "reboot");
+    case Msg::kPolicyPanic:
+      return policy(b, line, -1, "kernel panic");
+    case Msg::kPolicyNothing:
+      return policy(b, line, -1, "nothing (the policy is none)");
+    case Msg::kFrozen:
+    case Msg::kProcessNotStarted:
+      return not_running(b, line, text_of(f[0]), d.id == Msg::kFrozen);
+    case Msg::kAlarm:
+      run.events.push_back(mark(line, "alarm",
+                                "the daemon's own loop did not come back within the "
+                                "timeout: SysRq w, l"));
+      b->asked.emplace_back(b->current, -1 - static_cast<int>(run.events.size() - 1));
+      return;
+    case Msg::kLongCost:
+      run.events.push_back(
+          mark(line, "slow", "a sweep took " + std::to_string(number(f[0])) + " ms"));
+      return;
+    default:
+      run.events.push_back(mark(line, "error", line.text));
+  }
+}
+
+// Every message of the daemon has its place here, so that one added to the daemon is read.
+void dispatch(Builder* b, const Line& line, const DaemonLine& d, Context::Listing listing) {
+  switch (d.id) {
+    case Msg::kGetNumber:
+    case Msg::kGetString:
+    case Msg::kMonitorThreads:
+    case Msg::kMonitorMain:
+    case Msg::kRecordsFollow:
+    case Msg::kListItem:
+      return startup_line(b, d, listing);
+    case Msg::kShellCommand:
+    case Msg::kProcWalk:
+    case Msg::kReading:
+    case Msg::kFoundProcess:
+    case Msg::kStatSample:
+    case Msg::kFindRecord:
+    case Msg::kRebind:
+    case Msg::kSwitches:
+    case Msg::kNotWatchedState:
+    case Msg::kSchedstatFailed:
+    case Msg::kThreadNotStarted:
+    case Msg::kShellThreadMissing:
+      return sweep_line(b, line, d);
+    case Msg::kDumpedThread:
+    case Msg::kDumped:
+    case Msg::kPolicyKill:
+    case Msg::kPolicyReboot:
+    case Msg::kPolicyPanic:
+    case Msg::kPolicyNothing:
+    case Msg::kFrozen:
+    case Msg::kProcessNotStarted:
+    case Msg::kAlarm:
+    case Msg::kLongCost:
+    case Msg::kSysrqFailed:
+    case Msg::kInitFailed:
+    case Msg::kProcDirFailed:
+      return judgment_line(b, line, d);
+    // Lines that change nothing the story holds: the sample they belong to is settled by the
+    // lines that follow, and ps's own output is not read.
+    case Msg::kStarted:
+    case Msg::kEntryWithoutProcess:
+    case Msg::kNotInList:
+    case Msg::kReadFailed:
+    case Msg::kStatFailed:
+    case Msg::kStatMismatch:
+    case Msg::kNoInfo:
+    case Msg::kTaskDirFailed:
+    case Msg::kCheckThread:
+    case Msg::kProcWalkEnd:
+    case Msg::kShellFailed:
+    case Msg::kShellOutput:
+    case Msg::kShellSelfTest:
+    case Msg::kShellProcessMissing:
+    case Msg::kShellThreadId:
+    case Msg::kCount:
+      return;
+  }
+}
+
+// The run a line belongs to: the last one of its process and boot, or a new one whose start the
+// log does not hold.
+void find_run(Builder* b, const Line& line) {
   bool last_boot = line.from == Line::kLastBoot;
-  if (b->current < 0 || run_of(b)->pid != line.pid || run_of(b)->last_boot != last_boot) {
-    size_t i = b->story.runs.size();
-    while (i > 0 &&
-           (b->story.runs[i - 1].pid != line.pid || b->story.runs[i - 1].last_boot != last_boot)) {
-      --i;
-    }
-    if (i == 0) {
-      start_run(b, line, false);  // its start is not in the log
-    } else {
-      b->current = static_cast<int>(i - 1);
-    }
+  if (b->current >= 0 && run_of(b)->pid == line.pid && run_of(b)->last_boot == last_boot) return;
+  size_t i = b->story.runs.size();
+  while (i > 0 &&
+         (b->story.runs[i - 1].pid != line.pid || b->story.runs[i - 1].last_boot != last_boot)) {
+    --i;
   }
+  if (i == 0) {
+    start_run(b, line, false);
+  } else {
+    b->current = static_cast<int>(i - 1);
+  }
+}
+
+bool starts_up(Msg id) {
+  return id == Msg::kGetNumber || id == Msg::kGetString || id == Msg::kMonitorThreads ||
+         id == Msg::kMonitorMain || id == Msg::kRecordsFollow;
+}
+
+void daemon_line(Builder* b, const Line& line) {
+  DaemonLine d = match_daemon_line(line.text);
+  if (d.id == Msg::kStarted) return start_run(b, line, true);
+  find_run(b, line);
   Run& run = *run_of(b);
   ++run.lines;
   if (line.ms >= 0) {
     if (run.first_ms < 0) run.first_ms = line.ms;
     run.last_ms = line.ms;
   }
-  int a = 0, c = 0;
-  unsigned u1 = 0, u2 = 0, u3 = 0, u4 = 0;
-  unsigned long long count = 0;
-  char state = 0, text[256] = {}, more[256] = {};
   auto listing = ctx_of(b)->listing;
   ctx_of(b)->listing = Context::kNone;
-  if (StartsWith(m, "get ")) {
-    size_t eq = m.find(" =");
-    if (eq != std::string::npos) setting(b, m.substr(4, eq - 4), m.substr(eq + 2));
-  } else if (sscanf(m.c_str(), "monitor %255s threads%c", text, &state) == 2 && state == ':') {
-    run.watches.push_back(std::string(text) + ":");
-    ctx_of(b)->listing = Context::kThreads;
-  } else if (sscanf(m.c_str(), "monitor %255s main%c", text, &state) == 1) {
-    run.watches.push_back(std::string(text) + ": main thread");
-  } else if (m == "mTids:") {
-    ctx_of(b)->listing = Context::kRecords;
-  } else if (listing != Context::kNone) {
-    if (listing == Context::kThreads && !run.watches.empty()) {
-      run.watches.back() += (run.watches.back().back() == ':' ? " " : ", ") + m;
-    } else if (listing == Context::kRecords) {
-      record(b, m);  // known before any sample, so that a process never started shows
-    }
+  if (listing != Context::kNone && !starts_up(d.id)) {  // a name, whatever it reads like
+    d = DaemonLine();
+    d.field[0] = line.text;
+    d.fields = 1;
     ctx_of(b)->listing = listing;
-  } else if (m == "[sh] cmd=ps -e |grep stall_ward") {
-    start_sweep(b, false, false);
-  } else if (m == "go through proc") {
-    if (ctx_of(b)->sweep_way_known) start_sweep(b, true, true);
-    set_way(b, true);
-  } else if (StartsWith(m, "[sh] cmd=ps -e|grep ")) {
-    close_sample(b);
-    set_way(b, false);
-    ctx_of(b)->process = m.substr(strlen("[sh] cmd=ps -e|grep "));
-    ctx_of(b)->pid = -1;
-  } else if (sscanf(m.c_str(), "[sh] cmd=ps -T -p %d", &a) == 1 ||
-             sscanf(m.c_str(), "reading /proc/%d/task/%d", &a, &c) == 2) {
-    close_sample(b);
-    ctx_of(b)->pid = a;
-  } else if (sscanf(m.c_str(), "find monitored proc %d:%255s", &a, text) == 2) {
-    close_sample(b);
-    ctx_of(b)->pid = a;
-    ctx_of(b)->process = text;
-  } else if (sscanf(m.c_str(),
-                    "match=%d, tid=%u, comm=%255[^,], state=%c, ppid=%u, utime=%u, stime=%u", &a,
-                    &u1, text, &state, &u2, &u3, &u4) == 7) {
-    close_sample(b);
-    if (a != 6) return;
-    ctx_of(b)->sample = Sample();
-    Sample& s = ctx_of(b)->sample;
-    s.open = true;
-    s.comm = text;
-    s.tid = static_cast<int>(u1);
-    s.state = state;
-    s.ppid = static_cast<int>(u2);
-    s.cpu = static_cast<uint64_t>(u3) + u4;
-    s.line = line;
-  } else if (StartsWith(m, "find record for ")) {
-    if (ctx_of(b)->sample.open && m.substr(16) == ctx_of(b)->sample.comm)
-      ctx_of(b)->sample.looked_up = true;
-  } else if (sscanf(m.c_str(), "change tid=%u comm=%255s cmd=%255[^\n]", &u1, text, more) >= 2) {
-    ctx_of(b)->sample.rebound = true;
-    ctx_of(b)->sample.cmd = more;
-  } else if (sscanf(m.c_str(), "switches:%llu", &count) == 1) {
-    ctx_of(b)->sample.watched = true;
-    ctx_of(b)->sample.switches = count;
-    close_sample(b);
-  } else if (StartsWith(m, "Not monitor state=")) {
-    ctx_of(b)->sample.watched = false;
-    close_sample(b);
-  } else if (StartsWith(m, "read schedstat failed")) {
-    ctx_of(b)->sample.watched = true;
-    close_sample(b);
-  } else if (sscanf(m.c_str(), "thread %255s not star%c", text, &state) == 2 ||
-             sscanf(m.c_str(), "[sh] thread %255s not foun%c", text, &state) == 2) {
-    absent_thread(b, line, text, m[0] == '[');
-  } else if (sscanf(m.c_str(), "dumped %d %c", &a, &state) == 2) {
-    evidence(b, line, a, state);
-  } else if (sscanf(m.c_str(), "dumped %d", &a) == 1) {
-    evidence(b, line, a, 0);
-  } else if (sscanf(m.c_str(), "killing proc %d", &a) == 1) {
-    policy(b, line, a, "killed pid " + std::to_string(a));
-  } else if (m == "rebooting") {
-    policy(b, line, -1, "reboot");
-  } else if (m == "trigger crash according to policy") {
-    policy(b, line, -1, "kernel panic");
-  } else if (m == "nothing to do accroding to policy") {
-    policy(b, line, -1, "nothing (the policy is none)");
-  } else if (android::base::EndsWith(m, " proc not started") ||
-             android::base::EndsWith(m, " frozen")) {
-    close_sample(b);
-    bool frozen = android::base::EndsWith(m, " frozen");
-    std::string name = m.substr(0, m.rfind(frozen ? " frozen" : " proc not started"));
-    for (auto& entry : run.records) {  // a frozen record is logged by its comm, which may be cut
-      if (!StartsWith(entry.first, name)) continue;
-      Record& rec = entry.second;
-      const char* kind = frozen ? "frozen" : "not-started";
-      if (rec.marks.empty() || rec.marks.back().kind != kind) {
-        rec.marks.push_back(
-            mark(line, kind, frozen ? "in the cgroup freezer" : "process not running"));
-      }
-      break;
-    }
-  } else if (m == "Alarm! self stuck!") {
-    run.events.push_back(mark(line, "alarm",
-                              "the daemon's own loop did not come back within the "
-                              "timeout: SysRq w, l"));
-    b->asked.emplace_back(b->current, -1 - static_cast<int>(run.events.size() - 1));
-  } else if (sscanf(m.c_str(), "long time cost: %d", &a) == 1) {
-    run.events.push_back(mark(line, "slow", "a sweep took " + std::to_string(a) + " ms"));
-  } else if (m == "open sysrq failed!" || m == "init failed because of open proc" ||
-             StartsWith(m, "opendir ")) {
-    run.events.push_back(mark(line, "error", m));
   }
+  dispatch(b, line, d, listing);
 }
 
 // A daemon line that an earlier section held.
