@@ -50,7 +50,6 @@ static constexpr int kDirOpenFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 // Android's C library reserves this real-time signal for debugger requests: the target writes a
 // native dump of all its threads and carries on.
 static constexpr int kDumpSignal = 35;
-static constexpr useconds_t kDumpPauseUs = 3000000;
 
 static int64_t elapsed_ms(const timespec& from, const timespec& to) {
   return static_cast<int64_t>(to.tv_sec - from.tv_sec) * 1000 +

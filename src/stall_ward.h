@@ -17,6 +17,9 @@ struct monitor_info {
 };
 
 constexpr uint32_t kNoId = UINT32_MAX;
+// The pause after asking for evidence, before the next step: after SIGQUIT (before signal 35 and
+// the "dumped" line), and after the SysRq dumps.
+constexpr uint32_t kDumpPauseUs = 3000000;
 // The kernel keeps this many bytes of a thread's name (comm); a longer name is cut.
 constexpr size_t kCommMax = 15;
 

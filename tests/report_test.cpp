@@ -17,6 +17,7 @@
 
 #include "helpers.h"
 #include "report/fleet.h"
+#include "stall_ward.h"
 
 using nlohmann::json;
 
@@ -42,6 +43,17 @@ std::string kernel(const std::string& name, int tid) {
                                       std::to_string(tid), true);
 }
 
+// "YYYY-MM-DD hh:mm:ss" that many seconds earlier.
+std::string seconds_before(const std::string& when, int seconds) {
+  tm t = {};
+  strptime(when.c_str(), "%Y-%m-%d %H:%M:%S", &t);
+  time_t at = timegm(&t) - seconds;
+  gmtime_r(&at, &t);
+  char text[32];
+  strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &t);
+  return text;
+}
+
 // A fixture with its @NAMEs filled in.
 std::string filled(const std::string& name, const std::map<std::string, std::string>& values) {
   std::string text = read_file(REPORT_FIXTURES "/" + name);
@@ -64,7 +76,7 @@ TEST(Report, ParseLineReadsEveryFormatItClaims) {
       {"<6>[    5.000000] init: x", "[5.000000]|-1|init: x"},               // /dev/kmsg's priority
       {"[  244.878944][   T74] INFO: task", "[244.878944]|-1|INFO: task"},  // a caller field
       {"<4>[   79.822940 / 05-03 18:11:50.340] [<c0b3d38c>] y",             // vendors' time stamps
-       "[79.822940]|-1|[<c0b3d38c>] y"},
+       "[79.822940]|10692710340|[<c0b3d38c>] y"},
       {"[    0.000000,0] z", "[0.000000]|-1|z"},
       {"[  253.955444s][pid:1993,cpu0,init] w", "[253.955444]|-1|w"},
       {"  [  246.906433] pasted", "[246.906433]|-1|pasted"},  // a log pasted with an indent
@@ -288,7 +300,8 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
   const std::tuple<const char*, const char*, const char*> cases[] = {
       // excerpt; the task taken for the watched thread; its first frame below the scheduler's
       {"handwritten-logcat-kernel-5.10.txt", "@TID", ""},
-      {"twrp-3.4-arm32-vendor-stamps-sysrq-w.txt", "6", "wait_for_common"},
+      {"twrp-3.4-arm32-vendor-stamps-sysrq-w.txt", "6", "wait_for_common"},  // on the day asked
+      {"twrp-3.4-arm32-vendor-stamps-sysrq-w.txt", "", ""},  // stamped another day: not taken
       {"esos-3.x-x86-pc-column-stack-words.txt", "3937", "__blk_run_queue"},
       {"raspberrypi-4.14-arm32-hung-task.txt", "28445", ""},
       {"binder-4.15-arm64-hung-task.txt", "54781", "__mutex_lock.isra.0"},
@@ -301,15 +314,21 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
   std::string log = read_file(daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill"));
   int tid = story(
       {daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill")})["runs"][0]["incidents"][0]["tid"];
+  std::string asked = clock_of(log, "dumped").substr(0, 14);
   TempDir dir;
   for (const auto& [file, pid, frame] : cases) {
     SCOPED_TRACE(file);
     std::string dmesg = kernel(file, tid), id = std::to_string(tid);  // in the task's line
+    if (*pid != '\0') dmesg = android::base::StringReplace(dmesg, "05-03 18:11:50", asked, true);
     dmesg = android::base::StringReplace(dmesg, " " + std::string(pid) + " ", " " + id + " ", true);
     dmesg = android::base::StringReplace(dmesg, "pid:" + std::string(pid) + " ", "pid:" + id + " ",
                                          true);
     write_file(dir.path("bugreport.txt"), bugreport(log, dmesg));
     json s = story({dir.path("bugreport.txt")});
+    if (*pid == '\0') {
+      EXPECT_TRUE(s["runs"][0]["incidents"][0]["kernel_dump"].is_null());
+      continue;
+    }
     Lines stack;
     for (const json& task :
          s["kernel_dumps"][s["runs"][0]["incidents"][0]["kernel_dump"].get<int>()]["tasks"])
@@ -338,14 +357,18 @@ TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
       "------ LAST LOGCAT (logcat -L -d) ------\n" + read_file(panic_log) + "------ CPU INFO",
       false);
   const std::map<std::string, std::string> values = {
-      // written in the "dumped" line's second
+      // stamped when SIGQUIT arrived: the daemon's pause before the "dumped" line, and as much as
+      // a second more, as the runtime cuts its stamp to the second
       {"@PID", pid},
       {"@TID", in["tid"].dump()},
       {"@UI", "2012"},
       {"@DISPLAY", "2015"},
-      {"@DATE", "2026-" + at.substr(0, 5) + " " + at.substr(6, 8)}};
+      {"@DATE", seconds_before("2026-" + at.substr(0, 5) + " " + at.substr(6, 8),
+                               kDumpPauseUs / 1000000 + 1)}};
+  std::map<std::string, std::string> at_signal_35 = values;  // the "dumped" line's second
+  at_signal_35["@DATE"] = "2026-" + at.substr(0, 5) + " " + at.substr(6, 8);
   std::string java = filled("java/handwritten-system_server-deadlock.txt", values),
-              tombstone = filled("native/handwritten-system_server-signal35.txt", values);
+              tombstone = filled("native/handwritten-system_server-signal35.txt", at_signal_35);
   std::string dmesg = kernel("handwritten-dmesg-5.4.txt", panic_tid) +
                       kernel("handwritten-dmesg-5.4.txt", panic_tid);
   TempDir dir;

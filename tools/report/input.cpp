@@ -128,6 +128,7 @@ bool parse_kernel(const std::string& raw, Line* line) {
                 (rest.empty() || rest == "s" || StartsWith(rest, "/ ") || StartsWith(rest, ","));
   int64_t ms = -1;
   if (!uptime && !parse_wall_clock(stamp, &ms)) return false;
+  if (StartsWith(rest, "/ ") && !parse_clock(rest.data() + 2, rest.size() - 2, &ms)) ms = -1;
   size_t text = close + 1;
   // Caller fields: "[  T1301]", "[T1301]", "[    C0]" (CONFIG_PRINTK_CALLER),
   // "[pid:1993,cpu0,...]".

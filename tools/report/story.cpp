@@ -601,11 +601,13 @@ void add_line(Builder* b, const Line& line) {
   }
 }
 
-// Each SysRq w dump goes to what asked for it: with a wall clock (logcat) to the latest request at
-// most 10 s before it; with the time since boot only (dmesg), in order, counted from the last of
-// the same boot, since a kernel log loses its oldest lines first. The SysRq l dump after it goes
-// with it. An incident whose thread no SysRq w dump lists takes the kernel's own hung-task report
-// of it (or a dump whose start the log lost), the last one of its boot.
+// Each SysRq w dump goes to what asked for it: with a wall clock (logcat, dmesg -T, a vendor's
+// stamp) to the latest request it can answer, written from the daemon's pause (plus two seconds)
+// before the request's line to 10 s after it, and never another day's; with the time since boot
+// only (dmesg), in order, counted from the last of the same boot, since a kernel log loses its
+// oldest lines first. The SysRq l dump after it goes with it. An incident whose thread no SysRq w
+// dump lists takes the kernel's own hung-task report of it (or a dump whose start the log lost),
+// the last one of its boot.
 void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
@@ -635,7 +637,8 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
       }
       for (size_t i = asked.size(); i-- > 0;) {
         int64_t at = when(asked[i]);
-        if (!taken[i] && at <= dump.ms + 1000 && dump.ms - at <= 10000) {
+        int64_t off = dump.ms - at + kDumpPauseUs / 1000;  // SysRq is written before the pause
+        if (!taken[i] && off >= -2000 && off <= kDumpPauseUs / 1000 + 10000) {
           give(i, d);
           break;
         }
@@ -674,9 +677,22 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   }
 }
 
+// How far (ms) a dump the daemon asked for lies from the "dumped" line: the runtime stamps its Java
+// dump when SIGQUIT arrives, the daemon's pause before it logs, or later when it is slow to answer
+// (never after the line); the crash handler its tombstone when signal 35 arrives, just before the
+// line, or up to a minute later. A stamp is cut to the second, and the daemon may log a second
+// late.
+struct Window {
+  int64_t expected, before, after;
+};
+Window window_of(bool java) {
+  constexpr int64_t kPauseMs = kDumpPauseUs / 1000;
+  return java ? Window{-kPauseMs, 2000, kPauseMs + 1000} : Window{0, 2000, 60000};
+}
+
 // The Java and native dumps the daemon's SIGQUIT and signal 35 asked for: of the process it
-// signalled, written from a second before its "dumped" line to a minute after (the nearest), or,
-// where a dump's time or the line's is unknown, the last one of that process.
+// signalled, within the window its timing gives (the nearest to where it should be), or, where a
+// dump's time or the line's is unknown, the last one of that process.
 void attach_stacks(Story* story) {
   for (Run& run : story->runs) {
     for (Incident& in : run.incidents) {
@@ -684,15 +700,16 @@ void attach_stacks(Story* story) {
       for (int* which : {&in.java, &in.native}) {
         bool java = which == &in.java;
         if (java && !in.sigquit) continue;
+        Window w = window_of(java);
         int64_t best = INT64_MAX;
         for (size_t k = 0; k < story->stacks.size(); ++k) {
           const ProcessDump& dump = story->stacks[k];
           if (dump.pid != in.signalled || dump.java != java || dump.threads.empty()) continue;
           bool timed = dump.ms >= 0 && in.evidence_ms >= 0;
-          int64_t after = timed ? dump.ms - in.evidence_ms : 0;
-          if (timed && (after < -1000 || after > 60000)) continue;
-          if (std::llabs(after) <= best) {
-            best = std::llabs(after);
+          int64_t off = timed ? dump.ms - in.evidence_ms - w.expected : 0;
+          if (timed && (off < -w.before || off > w.after)) continue;
+          if (std::llabs(off) <= best) {
+            best = std::llabs(off);
             *which = static_cast<int>(k);
           }
         }
