@@ -112,13 +112,14 @@ std::vector<std::string> top_frames(const std::vector<std::string>& stack,
   return top;
 }
 
-std::vector<std::string> kernel_top(const std::vector<std::string>& stack) {
-  return top_frames(
-      stack,
-      [](const std::string& f) {  // __pfx_: padding, never a caller
-        return f == "?" || scheduler_frame(f) || StartsWith(f, "__pfx_");
-      },
-      kernel_function);
+// From where the task waits on, the frames that are not guesses (all, when every one is).
+std::vector<std::string> kernel_top(const KernelTask& task) {
+  std::vector<std::string> sure;
+  size_t at = wait_frame(task);
+  bool all_guessed = at < task.stack.size() && guessed_frame(task, at);
+  for (size_t i = at; i < task.stack.size(); ++i)
+    if (all_guessed || !guessed_frame(task, i)) sure.push_back(task.stack[i]);
+  return top_frames(sure, scheduler_frame, kernel_function);
 }
 
 std::vector<std::string> java_top(const std::vector<std::string>& stack) {
@@ -221,14 +222,15 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
       h.story = incident_account(story, run, in);
       if (in.dump >= 0) {
         for (const KernelTask& task : story.dumps[in.dump].tasks) {
-          if (task.pid == in.tid) h.kernel_stack = task.stack;
+          if (task.pid != in.tid) continue;
+          h.kernel_stack = task.stack;
+          h.kernel = kernel_top(task);
         }
       }
       for (int which : {in.java, in.native}) {
         const StackThread* t = which >= 0 ? thread_of(story.stacks[which], in.tid) : nullptr;
         if (t != nullptr) (which == in.java ? h.java_stack : h.native_stack) = t->stack;
       }
-      h.kernel = kernel_top(h.kernel_stack);
       h.java = java_top(h.java_stack);
       h.native = native_top(h.native_stack);
       h.blocker = blocker_of(story, in);

@@ -136,6 +136,23 @@ bool scheduler_frame(const std::string& function) {
   return f.find("switch_to") != std::string::npos || f == "context_switch";
 }
 
+bool guessed_frame(const KernelTask& task, size_t i) {
+  return (i < task.unsure.size() && task.unsure[i]) || task.stack[i] == "?" ||
+         StartsWith(task.stack[i], "__pfx_");
+}
+
+size_t wait_frame(const KernelTask& task) {
+  size_t n = task.stack.size(), i = 0;
+  while (i < n && (guessed_frame(task, i) || scheduler_frame(task.stack[i]))) ++i;
+  if (i < n) return i;
+  // Old kernels print every frame with "?": then the first named one below the scheduler's.
+  for (i = 0; i < n; ++i) {
+    const std::string& f = task.stack[i];
+    if (f != "?" && !StartsWith(f, "__pfx_") && !scheduler_frame(f)) return i;
+  }
+  return n;
+}
+
 void KernelReader::add(const Line& line) {
   if (open < 0 && line.text.find("Show Blocked State") == std::string::npos &&
       line.text.find("Show backtrace") == std::string::npos &&
@@ -177,13 +194,16 @@ void KernelReader::add(const Line& line) {
     return;
   }
   const char kHung[] = "INFO: task ";
-  size_t likely = t.find(" likely owned by task ");
+  const char* said = " likely owned by task ";
+  size_t likely = t.find(said);
+  if (likely == std::string::npos) likely = t.find(said = " likely last held by task ");
   if (StartsWith(t, kHung) && likely != std::string::npos) {
     // 6.x: "INFO: task NAME:PID is blocked on a mutex likely owned by task OWNER:PID." (or "...
-    // <reader> blocked on an rw-semaphore likely owned by task OWNER:PID <writer>"); the owner's
-    // own task line and stack follow.
+    // <reader> blocked on an rw-semaphore likely owned by task OWNER:PID <writer>", "... blocked
+    // on a semaphore likely last held by task OWNER:PID"); the owner's own task line and stack
+    // follow.
     if (open >= 0 && task >= 0) {
-      std::string owner = t.substr(likely + strlen(" likely owned by task "));
+      std::string owner = t.substr(likely + strlen(said));
       size_t role = owner.rfind(" <");  // " <writer>"
       if (role != std::string::npos && android::base::EndsWith(owner, ">")) owner.resize(role);
       while (!owner.empty() && (owner.back() == '.' || owner.back() == ' ')) owner.pop_back();
@@ -241,12 +261,10 @@ std::vector<KernelGroup> kernel_groups(const KernelDump& dump) {
   std::map<std::vector<std::string>, size_t> at;
   std::vector<KernelGroup> groups;
   for (size_t i = 0; i < dump.tasks.size(); ++i) {
+    const KernelTask& task = dump.tasks[i];
     std::vector<std::string> where;
-    for (const std::string& f : dump.tasks[i].stack) {
-      if (where.empty() && (f == "?" || scheduler_frame(f))) continue;
-      where.push_back(f);
-      if (where.size() == 3) break;
-    }
+    for (size_t f = wait_frame(task); f < task.stack.size() && where.size() < 3; ++f)
+      where.push_back(task.stack[f]);
     if (where.empty()) continue;
     auto it = at.emplace(where, groups.size());
     if (it.second) groups.push_back(KernelGroup{where, {}});

@@ -21,15 +21,20 @@ using android::base::StringPrintf;
 // The version of the JSON's layout, raised when a field changes meaning or goes.
 constexpr int kSchemaVersion = 1;
 
-// How many of a stack's innermost frames are the scheduler's.
-size_t scheduler_depth(const KernelTask& task) {
-  size_t n = 0;
-  while (n < task.stack.size() && scheduler_frame(task.stack[n])) ++n;
-  return n;
-}
-
 bool unsure(const KernelTask& task, size_t i) {
   return i < task.unsure.size() && task.unsure[i];
+}
+
+// A frame as printed: "? " before a guess.
+std::string shown(const KernelTask& task, size_t i) {
+  return (unsure(task, i) ? "? " : "") + task.stack[i];
+}
+
+// The frames above where a task waits: the scheduler's and the guesses among them.
+std::vector<std::string> sleeping_frames(const KernelTask& task) {
+  std::vector<std::string> under;
+  for (size_t i = 0; i < wait_frame(task); ++i) under.push_back(shown(task, i));
+  return under;
 }
 
 constexpr int64_t kDay = 86400000;
@@ -191,16 +196,14 @@ std::string missing_dump(const Story& story, const Incident& in) {
 
 // "wait_for_common < wait_for_completion < ... (under __switch_to < __schedule < schedule)".
 std::string stack_line(const KernelTask& task, size_t frames) {
-  size_t sched = scheduler_depth(task);
+  size_t sched = wait_frame(task);
   std::vector<std::string> top;
   for (size_t i = sched; i < task.stack.size() && top.size() < frames; ++i)
-    top.push_back((unsure(task, i) ? "? " : "") + task.stack[i]);
+    top.push_back(shown(task, i));
   std::string s = android::base::Join(top, " < ");
   if (sched + top.size() < task.stack.size()) s += " < ...";
-  if (sched > 0) {
-    std::vector<std::string> under(task.stack.begin(), task.stack.begin() + sched);
-    s += " (under the scheduler's " + android::base::Join(under, " < ") + ")";
-  }
+  if (sched > 0)
+    s += " (under the scheduler's " + android::base::Join(sleeping_frames(task), " < ") + ")";
   return s;
 }
 
@@ -426,18 +429,15 @@ const char* state_colour(char state) {
 // A kernel stack: the scheduler's frames on one dimmed line, then the frames that say why, the
 // unreliable ("?") ones dimmed.
 std::string stack_html(const KernelTask& task) {
-  size_t sched = scheduler_depth(task);
+  size_t sched = wait_frame(task);
   std::string h = "<div class=\"stack\">";
   if (sched > 0) {
-    std::vector<std::string> under(task.stack.begin(), task.stack.begin() + sched);
     h += "<div class=\"sched\" title=\"the scheduler's own frames: the task sleeps\">scheduler: " +
-         escape(android::base::Join(under, " › ")) + "</div>";
+         escape(android::base::Join(sleeping_frames(task), " › ")) + "</div>";
   }
   h += "<ol>";
-  bool found = false;  // the first reliable frame below the scheduler: what the task waits in
   for (size_t i = sched; i < task.stack.size(); ++i) {
-    if (!found && !unsure(task, i) && !scheduler_frame(task.stack[i])) {
-      found = true;
+    if (i == sched) {  // the first reliable frame below the scheduler: what the task waits in
       h += "<li class=\"waits\" title=\"the first frame below the scheduler: what the task "
            "waits in\">" +
            escape(task.stack[i]) + "</li>";

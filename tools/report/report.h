@@ -129,6 +129,12 @@ std::vector<KernelGroup> kernel_groups(const KernelDump& dump);
 // Whether a kernel frame is the scheduler's own (every blocked task's stack starts with some: they
 // say only that it sleeps; the frames below them say why).
 bool scheduler_frame(const std::string& function);
+// Whether a task's frame is a guess: printed with "?", without a name, or padding (__pfx_).
+bool guessed_frame(const KernelTask& task, size_t i);
+// Where a task waits: its first frame that is neither the scheduler's nor a guess, wherever the
+// guesses stand among the scheduler's frames; when every frame is a guess, the first named one that
+// is not the scheduler's (the stack's size when there is none).
+size_t wait_frame(const KernelTask& task);
 
 // A thread of a Java stack dump (the runtime's answer to SIGQUIT) or of a native dump (a
 // tombstone, the crash handler's answer to signal 35; or a native process's backtrace in a VM

@@ -608,6 +608,9 @@ void add_line(Builder* b, const Line& line) {
 // oldest lines first. The SysRq l dump after it goes with it. An incident whose thread no SysRq w
 // dump lists takes the kernel's own hung-task report of it (or a dump whose start the log lost),
 // the last one of its boot.
+// A hung-task report with a wall clock further than this from the evidence is of another hang.
+constexpr int64_t kSameHangMs = 3600000;
+
 void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
@@ -667,6 +670,8 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
         continue;
       for (size_t d = 0; d < story->dumps.size(); ++d) {
         const KernelDump& dump = story->dumps[d];
+        bool timed = dump.ms >= 0 && in.evidence_ms >= 0;
+        if (timed && std::llabs(dump.ms - in.evidence_ms) > kSameHangMs) continue;
         if (dump.kind != "SysRq w" && dump.kind != "SysRq l" && dump.last_boot == run.last_boot &&
             lists(d)) {
           in.dump = static_cast<int>(d);
