@@ -19,7 +19,7 @@ namespace {
 using android::base::StringPrintf;
 
 // The version of the JSON's layout, raised when a field changes meaning or goes.
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 bool unsure(const KernelTask& task, size_t i) {
   return i < task.unsure.size() && task.unsure[i];
@@ -856,11 +856,17 @@ std::string html_report(const Story& story) {
 namespace {
 
 // An incident's Java and native stacks of the watched thread, and its blocker.
+// A known value, or null.
+template <typename T>
+nlohmann::json or_null(bool known, const T& value) {
+  return known ? nlohmann::json(value) : nlohmann::json(nullptr);
+}
+
 void add_stacks_json(const Story& story, const Incident& in, nlohmann::json* j) {
-  (*j)["java_dump"] = in.java;
-  (*j)["native_dump"] = in.native;
-  (*j)["signalled_pid"] = in.signalled;
-  nlohmann::json blocker = {{"deadlock", false}, {"java", ""}, {"kernel", ""}};
+  (*j)["java_dump"] = or_null(in.java >= 0, in.java);
+  (*j)["native_dump"] = or_null(in.native >= 0, in.native);
+  (*j)["signalled_pid"] = or_null(in.signalled > 0, in.signalled);
+  nlohmann::json blocker = {{"deadlock", false}, {"java", nullptr}, {"kernel", nullptr}};
   for (int which : {in.java, in.native}) {
     if (which < 0) continue;
     const ProcessDump& dump = story.stacks[which];
@@ -869,13 +875,15 @@ void add_stacks_json(const Story& story, const Incident& in, nlohmann::json* j) 
                             {"source", dump.source},
                             {"complete", dump.complete},
                             {"found", t >= 0},
-                            {"thread", t >= 0 ? dump.threads[t].name : ""},
-                            {"state", t >= 0 ? dump.threads[t].state : ""},
+                            {"thread", or_null(t >= 0, t >= 0 ? dump.threads[t].name : "")},
+                            {"state", or_null(t >= 0 && !dump.threads[t].state.empty(),
+                                              t >= 0 ? dump.threads[t].state : "")},
                             {"stack", t >= 0 ? dump.threads[t].stack : std::vector<std::string>()}};
     (*j)[dump.java ? "java_stack" : "native_stack"] = stack;
     if (!dump.java || t < 0) continue;
     bool deadlock = false;
-    blocker["java"] = java_blocker(dump, t, &deadlock);
+    std::string java = java_blocker(dump, t, &deadlock);
+    blocker["java"] = or_null(!java.empty(), java);
     blocker["deadlock"] = deadlock;
     nlohmann::json chain = nlohmann::json::array();
     if (!dump.threads[t].waits_for.empty()) {
@@ -883,14 +891,15 @@ void add_stacks_json(const Story& story, const Incident& in, nlohmann::json* j) 
         const StackThread& th = dump.threads[k];
         chain.push_back({{"name", th.name},
                          {"tid", th.tid},
-                         {"state", th.state},
-                         {"waits_for", th.waits_for},
-                         {"held_by", th.held_by}});
+                         {"state", or_null(!th.state.empty(), th.state)},
+                         {"waits_for", or_null(!th.waits_for.empty(), th.waits_for)},
+                         {"held_by", or_null(th.held_by > 0, th.held_by)}});
       }
     }
     blocker["chain"] = chain;
   }
-  if (in.dump >= 0) blocker["kernel"] = kernel_blocker(story.dumps[in.dump], in.tid);
+  std::string kernel = in.dump >= 0 ? kernel_blocker(story.dumps[in.dump], in.tid) : "";
+  blocker["kernel"] = or_null(!kernel.empty(), kernel);
   (*j)["blocker"] = blocker;
 }
 
@@ -1030,8 +1039,9 @@ std::string json_report(const Story& story) {
                        {"stack", t.stack},
                        {"unreliable_frames", unreliable}});
     }
-    j["kernel_dumps"].push_back(
-        {{"time", time(dump.ms, dump.clock)}, {"answers", dump.answers}, {"tasks", tasks}});
+    j["kernel_dumps"].push_back({{"time", time(dump.ms, dump.clock)},
+                                 {"answers", or_null(!dump.answers.empty(), dump.answers)},
+                                 {"tasks", tasks}});
     add_kernel_json(dump, &j["kernel_dumps"].back());
   }
   return j.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
