@@ -1,20 +1,38 @@
-// The host property store's file format (see properties.cpp), parsed apart from reading.
+// Property files read as the platform's init reads them at boot, parsed apart from reading.
 #pragma once
 
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-// What the store refused: the whole file (key empty: unreadable, or writable by others than its
-// owner) or one value longer than the platform keeps. why says which, in a few words.
+// One line of a property file that sets a key, as init keeps it.
+struct PropertyLine {
+  std::string path;
+  int line = 0;
+  std::string key, value;
+};
+
+// What init makes of a property file's text (system/core/init/property_service.cpp of Android 11,
+// LoadProperties): lines end at '\n' alone; blanks (isspace: a CR among them) before a line and at
+// its end are dropped; a line whose first other character is '#' is a comment; "import PATH"
+// names another file; otherwise the key runs to the first '=' less the blanks before it, and the
+// value follows it less the blanks after the '='. A line without '=' sets nothing.
+struct PropertyText {
+  std::vector<PropertyLine> lines;    // every line that sets a key, in file order
+  std::vector<PropertyLine> imports;  // key "import", value the named path
+};
+PropertyText parse_property_text(const std::string& path, const std::string& text);
+
+// Why init's PropertySet refuses key=value (empty: it is set): a value of PROP_VALUE_MAX bytes or
+// more, unless the key starts with "ro.".
+std::string property_refusal(const std::string& key, const std::string& value);
+
+// What the host store refused: the whole file (key empty: unreadable, or writable by others than
+// its owner) or one value init would not set. why says which, in a few words.
 struct PropertyRefusal {
   std::string key, why;
 };
-
-// Adds the key=value lines of text to values (path names the file in error lines), and each value
-// refused for its length to refusals when given.
-void parse_property_file(const std::string& path, const std::string& text,
-                         std::unordered_map<std::string, std::string>* values,
-                         std::vector<PropertyRefusal>* refusals = nullptr);
 // What the store refused of the file named by STALL_WARD_PROPERTIES.
 const std::vector<PropertyRefusal>& property_refusals();
+// Makes the store serve these values, as init set them, instead of STALL_WARD_PROPERTIES.
+void use_property_values(const std::unordered_map<std::string, std::string>& values);
