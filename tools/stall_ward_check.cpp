@@ -24,6 +24,9 @@
 #include "check/check.h"
 #include "cli.h"
 #include "utils.h"
+#ifndef __ANDROID__
+#include "property_file.h"  // the host store, which is handed the values the files set
+#endif
 
 using namespace check;
 
@@ -360,11 +363,17 @@ void print_json(const System& s, const std::vector<Finding>& findings) {
     j["id"] = f.hazard->id;
     j["severity"] = f.error() ? "error" : "warning";
     j["entry"] = f.hit.entry;
+    j["key"] = f.hit.key;
     j["where"] = Json::arrayValue;
     for (const std::string& at : where(s, f.hit)) j["where"].append(at);
     j["detail"] = f.hit.detail;
     j["message"] = f.hazard->message;
     j["instead"] = f.instead();
+    j["fix"] = Json::Value();
+    if (!f.hit.fix_key.empty()) {
+      j["fix"]["key"] = f.hit.fix_key;
+      j["fix"]["value"] = f.hit.fix_value;
+    }
     out["findings"].append(j);
   }
   out["errors"] = errors;

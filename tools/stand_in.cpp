@@ -6,7 +6,7 @@
 //   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
 //                        child that never exits (uninterruptible), P runs now and then (progress),
 //                        W works for three seconds and then wedges as in D, N keeps renaming
-//                        itself between NAME and "renamed"
+//                        itself between NAME and "renamed", E sleeps two seconds and exits
 //   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
 //   --main-name NAME     the main thread's name (default: the base name of argv[0])
 //   --life MS            end the whole process after MS milliseconds
@@ -107,6 +107,9 @@ void* run_thread(void* arg) {
         set_name(own ? plan->name : "renamed");
         sleep_ms(3);
       }
+    case 'E':
+      sleep_ms(2000);
+      return nullptr;
     case 'P':
       for (;;) {
         sleep_ms(50);
@@ -216,7 +219,7 @@ int main(int argc, char** argv) {
   }
   // Wait until each thread is in its state, so that the test samples what it asked for.
   for (ThreadPlan& plan : threads) {
-    char want = plan.state == 'P' || plan.state == 'W' || plan.state == 'N' ? '\0' : plan.state;
+    char want = strchr("PWNE", plan.state) != nullptr ? '\0' : plan.state;
     for (int tries = 0;; ++tries) {
       pid_t tid = __atomic_load_n(&plan.tid, __ATOMIC_SEQ_CST);
       bool ready = __atomic_load_n(&plan.ready, __ATOMIC_SEQ_CST) != 0;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "property_file.h"
+#include "check/prop_text.h"
 #include "stall_ward.h"
 
 namespace check {

@@ -484,11 +484,16 @@ bool task_exists(const RecordSample& r) {
   return stat(path.c_str(), &st) == 0;
 }
 
+// A thread bound at one sweep and gone at a later one: from then on the ps way counts it stalled.
 void thread_gone(const System& s, Hits* hits) {
-  each_stall(s, [&](const Watch& w, const RecordSample& r, const std::string& how) {
-    if (!r.updated || r.tid == kNoId || task_exists(r)) return;
-    hits->push_back(on_watch(s, w, thread_text(r) + " went away (" + how + ")", ""));
-  });
+  if (s.run.records.empty()) return;
+  for (const Watch& w : s.watches) {
+    const RecordSample& r = s.run.records.at(w.record()).back();
+    if (w.thread.empty() || !r.updated || r.tid == kNoId || r.stuck_ms == 0 || task_exists(r)) {
+      continue;
+    }
+    hits->push_back(on_watch(s, w, thread_text(r) + " went away and counts as stalled since", ""));
+  }
 }
 
 void no_progress(const System& s, Hits* hits) {
