@@ -1,7 +1,7 @@
 // Host stand-in for the libcutils property readers, backed by a file in build.prop form named by
-// STALL_WARD_PROPERTIES, read as init reads such a file (property_file.h). Without the variable there are no properties. A file that others than its owner may
-// write, or that neither root nor the daemon's user owns, is refused. The conversions follow
-// libcutils.
+// STALL_WARD_PROPERTIES, read as init reads such a file (property_file.h). Without the variable
+// there are no properties. A file that others than its owner may write, or that neither root nor
+// the daemon's user owns, is refused. The conversions follow libcutils.
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <android/log.h>
@@ -81,7 +81,8 @@ const PropertyFile& property_file() {
   }
   // As init loads a file: the last line for a key wins, and is then set or refused.
   std::unordered_map<std::string, std::string> last;
-  for (const PropertyLine& line : parse_property_text(path, text).lines) last[line.key] = line.value;
+  for (const PropertyLine& line : parse_property_text(path, text).lines)
+    last[line.key] = line.value;
   for (const auto& [key, value] : last) {
     std::string why = property_refusal(key, value);
     if (why.empty()) {

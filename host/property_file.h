@@ -1,11 +1,11 @@
 // The host property store's file: what it refused, and values given to it instead.
 #pragma once
 
-#include "check/prop_text.h"
-
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "check/prop_text.h"
 
 // What the host store refused: the whole file (key empty: unreadable, or writable by others than
 // its owner) or one value init would not set. why says which, in a few words.

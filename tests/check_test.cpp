@@ -92,12 +92,14 @@ TEST(Check, FindsEachHazardAtItsLinesAndItsAdviceMendsIt) {
       {p + "timout=60\n", "error unknown-key: " + p + "timout=60\n    at ",
        "instead: " + p + "timeout=60", 2},
       {p + "policy=kill\n#\n" + p + "policy=panic\n",
-       "warning set-twice: " + p + "policy\n    at vendor/build.prop:1\n    at vendor/build.prop:3\n",
+       "warning set-twice: " + p +
+           "policy\n    at vendor/build.prop:1\n    at vendor/build.prop:3\n",
        "sets \"panic\"", 1},
       {p + "enable=True\n", "error bool-misread: " + p + "enable=True\n", "read as false", 2},
       {p + "enable=On\n", "error bool-misread: " + p + "enable=On\n", p + "enable=true", 2},
       {p + "enable=enabled\n", "error bool-misread: " + p + "enable=enabled\n", "", 2},
-      {p + "timeout=2m\n", "error timeout-misread: " + p + "timeout=2m\n", "reads \"2m\" as 2 s", 2},
+      {p + "timeout=2m\n", "error timeout-misread: " + p + "timeout=2m\n", "reads \"2m\" as 2 s",
+       2},
       {p + "timeout=0120\n", "error timeout-misread: " + p + "timeout=0120\n", "as 80 s", 2},
       {p + "timeout=0\n", "error timeout-not-positive: " + p + "timeout=0\n", "", 2},
       {p + "timeout=60\n", "warning timeout-short: " + p + "timeout=60\n", "up to 90 s", 1},
@@ -121,8 +123,8 @@ TEST(Check, FindsEachHazardAtItsLinesAndItsAdviceMendsIt) {
        "entries a:watchdog, b:watchdog", 2},
       {p + "processes=p:a p:b\n", "warning duplicate-process: p\n", "processes=p:a:b", 1},
       {p + "processes=system_server:watchdog:android.bg\n",
-       "warning idle-looper-thread: system_server:android.bg\n",
-       "processes=system_server:watchdog", 1},
+       "warning idle-looper-thread: system_server:android.bg\n", "processes=system_server:watchdog",
+       1},
   };
   for (const auto& [props, head, line, status] : cases) {
     Checked run = check_props(props);
@@ -159,17 +161,22 @@ TEST(Check, ReadsTheFilesADeviceLoadsAsInitDoes) {
   const std::tuple<std::vector<std::pair<std::string, std::string>>, std::string, int> cases[] = {
       // the files, in the order named; a line of the output; the exit status
       {{{"vendor/build.prop", p + "enable=1\r\n" + p + "timeout=300 \r\n"}},
-       "  enabled   yes\n  debug     on\n  timeout   300 s", 0},
+       "  enabled   yes\n  debug     on\n  timeout   300 s",
+       0},
       {{{"vendor/build.prop", "  " + p + "enable = true\n\t" + p + "policy =\tkill \n"}},
-       "  enabled   yes\n  debug     on\n  timeout   120 s", 0},
+       "  enabled   yes\n  debug     on\n  timeout   120 s",
+       0},
       {{{"vendor/build.prop", p + "policy=panic\n"}, {"system/build.prop", p + "policy=kill\n"}},
-       "  at system/build.prop:1\n    at vendor/build.prop:1\n    the last line read sets \"panic\"",
+       "  at system/build.prop:1\n    at vendor/build.prop:1\n    the last line read sets "
+       "\"panic\"",
        1},
       {{{"factory/factory.prop", p + "enable=1\n"}}, "  enabled   no", 0},
       {{{"vendor/build.prop", real}, {"odm/etc/build.prop", long_ro + p + "enable=1\n"}},
-       "  enabled   yes", 0},
+       "  enabled   yes",
+       0},
       {{{"vendor/build.prop", real + p + "timeout=2m\n"}},
-       "error timeout-misread: " + p + "timeout=2m\n    at vendor/build.prop:32\n", 2},
+       "error timeout-misread: " + p + "timeout=2m\n    at vendor/build.prop:32\n",
+       2},
   };
   for (const auto& [files, line, status] : cases) {
     Checked run = check(files, "");
@@ -180,20 +187,34 @@ TEST(Check, ReadsTheFilesADeviceLoadsAsInitDoes) {
 
 // The doors a CI job goes through: each refusal is one line that names what it is about.
 TEST(Check, RefusesWhatItCannotCheckInOneLine) {
-  const std::tuple<std::vector<std::pair<std::string, std::string>>, std::string, std::string,
-                   int>
+  const std::tuple<std::vector<std::pair<std::string, std::string>>, std::string, std::string, int>
       cases[] = {
           // files, arguments, the whole output, the exit status
-          {{}, "", "stall_ward_check: no configuration: name the property files a device loads "
-                   "(vendor/build.prop, ...) or set STALL_WARD_PROPERTIES\n", 64},
-          {{{"ls", std::string("\x7f" "ELF\x02\x01\x01\0\0", 9)}}, "",
-           "stall_ward_check: ls: not a text file\n", 66},
-          {{}, "missing.prop", "stall_ward_check: missing.prop: cannot be read: No such file or "
-                               "directory\n", 66},
-          {{}, "--bogus", "stall_ward_check: unknown option --bogus (see stall_ward_check --help)\n",
+          {{},
+           "",
+           "stall_ward_check: no configuration: name the property files a device loads "
+           "(vendor/build.prop, ...) or set STALL_WARD_PROPERTIES\n",
            64},
-          {{}, "--window", "stall_ward_check: option --window needs a value (see "
-                           "stall_ward_check --help)\n", 64},
+          {{{"ls", std::string("\x7f"
+                               "ELF\x02\x01\x01\0\0",
+                               9)}},
+           "",
+           "stall_ward_check: ls: not a text file\n",
+           66},
+          {{},
+           "missing.prop",
+           "stall_ward_check: missing.prop: cannot be read: No such file or "
+           "directory\n",
+           66},
+          {{},
+           "--bogus",
+           "stall_ward_check: unknown option --bogus (see stall_ward_check --help)\n",
+           64},
+          {{},
+           "--window",
+           "stall_ward_check: option --window needs a value (see "
+           "stall_ward_check --help)\n",
+           64},
           {{}, "--version", "stall_ward_check 1.0\n", 0},
       };
   for (const auto& [files, args, out, status] : cases) {
@@ -205,6 +226,28 @@ TEST(Check, RefusesWhatItCannotCheckInOneLine) {
   Checked run = check({}, "", p + "enable=1\n", 0666);
   EXPECT_EQ(run.status, 2);
   EXPECT_NE(run.out.find("\nerror property-file: props\n"), std::string::npos) << run.out;
+}
+
+// The three tools' one command-line convention.
+TEST(Check, EveryToolAnswersItsCommandLineAlike) {
+  for (const std::string& tool :
+       Lines{STALL_WARD_CHECK_PATH, STALL_WARD_REPORT_PATH, stand_in_path()}) {
+    std::string name = tool.substr(tool.rfind('/') + 1);
+    const std::tuple<std::string, std::string, int> cases[] = {
+        {"--bogus", name + ": unknown option --bogus (see " + name + " --help)\n", 64},
+        {"-x", name + ": unknown option -x (see " + name + " --help)\n", 64},
+        {"--version", name + " 1.0\n", 0},
+    };
+    for (const auto& [args, out, status] : cases) {
+      Child child = spawn("/bin/sh", {"sh", "-c", tool + " " + args + " 2>&1"});
+      EXPECT_EQ(child.read_all(), out);
+      int code = child.wait(5000);
+      EXPECT_EQ(WIFEXITED(code) ? WEXITSTATUS(code) : -1, status) << tool << " " << args;
+    }
+    Child help = spawn("/bin/sh", {"sh", "-c", tool + " --help 2>/dev/null"});
+    EXPECT_EQ(help.read_all().rfind("usage: " + name, 0), 0u) << tool;
+    help.wait(5000);
+  }
 }
 
 // --help's hazard table is README's, row for row.

@@ -45,8 +45,8 @@ struct Refusal {
 // PropertyLoadBootDefaults): their place in init's order, by the end of their path.
 
 const std::pair<const char*, int> kLoadOrder[] = {
-    {"vendor/default.prop", 3}, {"odm/default.prop", 5},  {"prop.default", 0},
-    {"default.prop", 0},        {"system/build.prop", 1}, {"system_ext/build.prop", 2},
+    {"vendor/default.prop", 3}, {"odm/default.prop", 5},   {"prop.default", 0},
+    {"default.prop", 0},        {"system/build.prop", 1},  {"system_ext/build.prop", 2},
     {"vendor/build.prop", 4},   {"odm/etc/build.prop", 5}, {"odm/build.prop", 5},
     {"product/build.prop", 6},  {"factory.prop", 7},
 };
@@ -70,7 +70,8 @@ std::optional<Refusal> read_text(const std::string& path, std::string* text) {
 void add_lines(const std::string& path, const std::string& text, System* s) {
   for (const PropertyLine& line : parse_property_text(path, text).lines) {
     bool taken = load_rank(path) != kFactoryRank || android::base::StartsWith(line.key, "ro.");
-    if (taken && android::base::StartsWith(line.key, kPropPrefix)) s->lines[line.key].push_back(line);
+    if (taken && android::base::StartsWith(line.key, kPropPrefix))
+      s->lines[line.key].push_back(line);
   }
 }
 
@@ -78,8 +79,9 @@ std::optional<Refusal> read_files(std::vector<std::string> paths, System* s) {
 #ifdef __ANDROID__
   (void)paths;
   (void)s;
-  return Refusal{EX_USAGE, "property files are read by the host build; here, run it without files "
-                           "to check the live properties"};
+  return Refusal{EX_USAGE,
+                 "property files are read by the host build; here, run it without files "
+                 "to check the live properties"};
 #else
   std::stable_sort(paths.begin(), paths.end(),
                    [](const auto& a, const auto& b) { return load_rank(a) < load_rank(b); });
@@ -91,8 +93,10 @@ std::optional<Refusal> read_files(std::vector<std::string> paths, System* s) {
   }
   for (const auto& [key, lines] : s->lines) {
     std::string why = property_refusal(key, lines.back().value);
-    if (why.empty()) set[key] = lines.back().value;
-    else s->refused.emplace_back(key, why);
+    if (why.empty())
+      set[key] = lines.back().value;
+    else
+      s->refused.emplace_back(key, why);
   }
   use_property_values(set);
   return std::nullopt;
@@ -122,8 +126,9 @@ std::optional<Refusal> read_installed(System* s) {
 #else
   const char* path = getenv("STALL_WARD_PROPERTIES");
   if (path == nullptr || *path == '\0') {
-    return Refusal{EX_USAGE, "no configuration: name the property files a device loads "
-                             "(vendor/build.prop, ...) or set STALL_WARD_PROPERTIES"};
+    return Refusal{EX_USAGE,
+                   "no configuration: name the property files a device loads "
+                   "(vendor/build.prop, ...) or set STALL_WARD_PROPERTIES"};
   }
   s->property_file = path;
   std::string text;
@@ -220,9 +225,10 @@ void print_live(const System& s) {
       }
     }
   }
-  printf("  ps self-test (%s): %s\n",
-         s.daemon_running ? "the running daemon's" : "the checker's, no stall_ward running",
-         s.ps_verdict == 1 ? "passes: sweeps find processes through ps" : "fails: sweeps walk /proc");
+  printf(
+      "  ps self-test (%s): %s\n",
+      s.daemon_running ? "the running daemon's" : "the checker's, no stall_ward running",
+      s.ps_verdict == 1 ? "passes: sweeps find processes through ps" : "fails: sweeps walk /proc");
   if (!s.run.records.empty()) {
     size_t sweeps = s.run.records.begin()->second.size();
     printf("  the daemon's sweep, %s, %zu sweep%s over %lld s:\n",
@@ -233,9 +239,10 @@ void print_live(const System& s) {
     }
   }
   if (s.window_ms < 2 * interval_ms) {
-    printf("  not known: whether the threads make progress between sweeps (watched for less than "
-           "two sweeps' worth, %lld s)\n",
-           static_cast<long long>(2 * interval_ms / 1000));
+    printf(
+        "  not known: whether the threads make progress between sweeps (watched for less than "
+        "two sweeps' worth, %lld s)\n",
+        static_cast<long long>(2 * interval_ms / 1000));
   }
 }
 

@@ -1,20 +1,5 @@
-// A stand-in for a monitored process. Started with the command line a test chooses (argv[0] such
-// as /system/bin/system_server), it names its threads and puts each into a chosen state, then
-// prints one line "<pid> <tid> ..." on stdout once every thread is in place, the threads' ids in
-// the order of the --thread options.
-//
-//   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
-//                        child that never exits (uninterruptible), P runs now and then (progress),
-//                        W works for three seconds and then wedges as in D, N keeps renaming
-//                        itself between NAME and "renamed", E sleeps two seconds and exits
-//   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
-//   --main-name NAME     the main thread's name (default: the base name of argv[0])
-//   --life MS            end the whole process after MS milliseconds
-//   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
-//                        taken on a thread of their own, as an app runtime's signal catcher does
-//   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
-//                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
-//                        before --spawn are the parent's
+// A stand-in for a monitored process, for the demo and the tests (kUsage says what it does).
+#include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <pthread.h>
@@ -25,13 +10,40 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "cli.h"
+
 namespace {
+
+constexpr const char* kTool = "stand_in";
+const char kUsage[] = R"(usage: stand_in [OPTION...] [--spawn ARGS...]
+
+A stand-in for a monitored process. Started with the command line a test chooses (argv[0] such
+as /system/bin/system_server), it names its threads and puts each into a chosen state, then
+prints one line "<pid> <tid> ..." on stdout once every thread is in place, the threads' ids in
+the order of the --thread options.
+
+  --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
+                       child that never exits (uninterruptible), P runs now and then (progress),
+                       W works for three seconds and then wedges as in D, N keeps renaming
+                       itself between NAME and "renamed", E sleeps two seconds and exits
+  --main STATE         the main thread: S (default) sleeps, Z exits while the others live
+  --main-name NAME     the main thread's name (default: the base name of argv[0])
+  --life MS            end the whole process after MS milliseconds
+  --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
+                       taken on a thread of their own, as an app runtime's signal catcher does
+  --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
+                       stand-in, whose argv[0] is the first of ARGS, and wait; the options
+                       before --spawn are the parent's
+  -h, --help           this text
+  --version            the version
+)";
 
 constexpr int kDumpSignal = 35;
 
@@ -43,7 +55,7 @@ struct ThreadPlan {
 };
 
 [[noreturn]] void die(const char* what) {
-  perror(what);
+  cli::error(kTool, "%s: %s", what, strerror(errno));
   _exit(2);
 }
 
@@ -177,14 +189,20 @@ int main(int argc, char** argv) {
                             {"life", required_argument, nullptr, 'l'},
                             {"signals", required_argument, nullptr, 's'},
                             {"spawn", no_argument, nullptr, 'c'},
+                            {"help", no_argument, nullptr, 'h'},
+                            {"version", no_argument, nullptr, cli::kVersionOption},
                             {nullptr, 0, nullptr, 0}};
+  opterr = 0;
   // "+": options end at --spawn, whose arguments are the child's whole command line.
   for (int c;
-       spawn_argv == nullptr && (c = getopt_long(argc, argv, "+", options, nullptr)) != -1;) {
+       spawn_argv == nullptr && (c = getopt_long(argc, argv, "+:h", options, nullptr)) != -1;) {
     std::string value = optarg != nullptr ? optarg : "";
     if (c == 't') {
       size_t colon = value.rfind(':');
-      if (colon == std::string::npos || colon + 2 != value.size()) die("--thread NAME:STATE");
+      if (colon == std::string::npos || colon + 2 != value.size()) {
+        cli::error(kTool, "--thread takes NAME:STATE, not \"%s\"", value.c_str());
+        return EX_USAGE;
+      }
       threads.push_back({value.substr(0, colon), value[colon + 1]});
     } else if (c == 'm') {
       main_state = value[0];
@@ -196,8 +214,16 @@ int main(int argc, char** argv) {
       signal_file = optarg;
     } else if (c == 'c' && optind < argc) {
       spawn_argv = argv + optind;
+    } else if (c == 'h') {
+      fputs(kUsage, stdout);
+      return EX_OK;
+    } else if (c == cli::kVersionOption) {
+      return cli::version(kTool);
+    } else if (c == 'c') {
+      cli::error(kTool, "--spawn needs a command line (see %s --help)", kTool);
+      return EX_USAGE;
     } else {
-      die("unknown option");
+      return cli::bad_option(kTool, c, argv);
     }
   }
   set_name(main_name);

@@ -157,8 +157,8 @@ int64_t meant_seconds(const std::string& text) {
   if (end == text.c_str()) return -1;
   std::string unit = android::base::Trim(end);
   static const std::map<std::string, int64_t> kUnits = {
-      {"", 1}, {"s", 1}, {"sec", 1}, {"secs", 1}, {"seconds", 1}, {"m", 60}, {"min", 60},
-      {"mins", 60}, {"minutes", 60}, {"h", 3600}, {"hours", 3600}};
+      {"", 1},     {"s", 1},     {"sec", 1},      {"secs", 1}, {"seconds", 1}, {"m", 60},
+      {"min", 60}, {"mins", 60}, {"minutes", 60}, {"h", 3600}, {"hours", 3600}};
   auto it = kUnits.find(unit);
   return it == kUnits.end() ? -1 : n * it->second;
 }
@@ -221,8 +221,8 @@ void debug_off(const System& s, Hits* hits) {
 void long_thread_name(const System& s, Hits* hits) {
   for (const Watch& w : s.watches) {
     if (!w.thread.empty() && w.thread.size() > kCommMax) {
-      hits->push_back(on_watch(s, w, std::to_string(w.thread.size()) + " bytes",
-                               w.thread.substr(0, kCommMax)));
+      hits->push_back(
+          on_watch(s, w, std::to_string(w.thread.size()) + " bytes", w.thread.substr(0, kCommMax)));
     }
   }
 }
@@ -231,8 +231,8 @@ void long_process_name(const System& s, Hits* hits) {
   for (const Watch& w : s.watches) {
     if (w.thread.empty() && w.entry->name.size() > kCommMax) {
       Hit hit = on_watch(s, w, std::to_string(w.entry->name.size()) + " bytes", "");
-      hit.fix_value = replaced(s, w.entry->name, "",
-                               w.entry->name + ":" + w.entry->name.substr(0, kCommMax));
+      hit.fix_value =
+          replaced(s, w.entry->name, "", w.entry->name + ":" + w.entry->name.substr(0, kCommMax));
       hits->push_back(hit);
     }
   }
@@ -242,7 +242,8 @@ void separator_in_name(const System& s, Hits* hits) {
   for (const Watch& w : s.watches) {
     if (w.text().find_first_of("\t\r\n\v\f") == std::string::npos) continue;
     std::string value = s.processes_text;
-    std::replace_if(value.begin(), value.end(), [](char c) { return isspace(c); }, ' ');
+    std::replace_if(
+        value.begin(), value.end(), [](char c) { return isspace(c); }, ' ');
     hits->push_back({kPropProcesses, w.text(), "", kPropProcesses, value});
   }
 }
@@ -296,12 +297,14 @@ void shared_record(const System& s, Hits* hits) {
     Entries entries = entries_of(s.processes_text);
     bool first = true;
     for (auto& pieces : entries) {
-      bool names = !pieces.empty() && (pieces.size() == 1 ? pieces[0] == name
-                                                          : std::count(pieces.begin() + 1,
-                                                                       pieces.end(), name) > 0);
+      bool names = !pieces.empty() &&
+                   (pieces.size() == 1 ? pieces[0] == name
+                                       : std::count(pieces.begin() + 1, pieces.end(), name) > 0);
       if (!names || std::exchange(first, false)) continue;
-      if (pieces.size() == 1) pieces.clear();
-      else pieces.erase(std::remove(pieces.begin() + 1, pieces.end(), name), pieces.end());
+      if (pieces.size() == 1)
+        pieces.clear();
+      else
+        pieces.erase(std::remove(pieces.begin() + 1, pieces.end(), name), pieces.end());
     }
     hits->push_back({kPropProcesses, name, "entries " + android::base::Join(texts, ", "),
                      kPropProcesses, joined(entries)});
@@ -322,11 +325,12 @@ void duplicate_process(const System& s, Hits* hits) {
         continue;
       }
       for (size_t i = 1; i < pieces.size(); ++i) {
-        if (std::count(first->begin() + 1, first->end(), pieces[i]) == 0) first->push_back(pieces[i]);
+        if (std::count(first->begin() + 1, first->end(), pieces[i]) == 0)
+          first->push_back(pieces[i]);
       }
     }
-    hits->push_back({kPropProcesses, name, std::to_string(n) + " entries", kPropProcesses,
-                     joined(merged)});
+    hits->push_back(
+        {kPropProcesses, name, std::to_string(n) + " entries", kPropProcesses, joined(merged)});
   }
 }
 
@@ -523,8 +527,10 @@ void ps_substring(const System& s, Hits* hits) {
         hits->push_back(on_watch(
             s, w, "`ps -e|grep " + w.entry->name + "` takes pid " + p.pid + ", " + p.name, ""));
       } else if (!w.thread.empty() && t != nullptr && t->comm != w.thread) {
-        hits->push_back(on_watch(s, w, "`ps -T -p " + p.pid + " |grep " + w.thread +
-                                           "` takes tid " + t->tid + ", " + t->comm, ""));
+        hits->push_back(on_watch(
+            s, w,
+            "`ps -T -p " + p.pid + " |grep " + w.thread + "` takes tid " + t->tid + ", " + t->comm,
+            ""));
       }
     }
   }

@@ -19,7 +19,8 @@ PropertyText parse_property_text(const std::string& path, const std::string& tex
     if (line.empty() || line[0] == '#') continue;
     if (line.compare(0, 7, "import ") == 0) {
       size_t name = line.find_first_not_of(" \t\n\v\f\r", 7);
-      out.imports.push_back({path, line_no, "import", line.substr(name, line.find(' ', name) - name)});
+      out.imports.push_back(
+          {path, line_no, "import", line.substr(name, line.find(' ', name) - name)});
       continue;
     }
     size_t eq = line.find('=');
@@ -38,4 +39,3 @@ std::string property_refusal(const std::string& key, const std::string& value) {
   return std::to_string(value.size()) + " bytes, longer than " +
          std::to_string(PROPERTY_VALUE_MAX - 1);
 }
-

@@ -26,4 +26,3 @@ PropertyText parse_property_text(const std::string& path, const std::string& tex
 // Why init's PropertySet refuses key=value (empty: it is set): a value of PROP_VALUE_MAX bytes or
 // more, unless the key starts with "ro.".
 std::string property_refusal(const std::string& key, const std::string& value);
-
