@@ -131,9 +131,11 @@ std::optional<Refusal> read_installed(System* s) {
                    "(vendor/build.prop, ...) or set STALL_WARD_PROPERTIES"};
   }
   s->property_file = path;
+  // A file the store cannot read is the daemon's refusal, a finding; one that is not text, ours.
   std::string text;
-  std::optional<Refusal> unread = read_text(path, &text);
-  if (unread && unread->why.find("not a text file") != std::string::npos) return unread;
+  if (android::base::ReadFileToString(path, &text) && !cli::is_text(text)) {
+    return Refusal{EX_NOINPUT, std::string(path) + ": not a text file"};
+  }
   add_lines(path, text, s);
   for (const PropertyRefusal& r : property_refusals()) s->refused.emplace_back(r.key, r.why);
   return std::nullopt;

@@ -14,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -171,18 +172,19 @@ void* catch_signals(void*) {
   }
 }
 
-}  // namespace
 
-int main(int argc, char** argv) {
-  // Static: a main thread that exits unwinds main's locals while the other threads go on.
-  static std::vector<ThreadPlan> threads;
-  threads.reserve(static_cast<size_t>(argc));
+// What the command line asks of the process.
+struct Plan {
+  std::vector<ThreadPlan>* threads = nullptr;
   char main_state = 'S';
   int life_ms = 0;
-  std::string base = argv[0];
-  std::string main_name = base.substr(base.rfind('/') + 1);
-  set_name(main_name);
+  std::string main_name;
   char** spawn_argv = nullptr;
+};
+
+// Reads the options into plan; the exit status where the run ends here (help, version, a bad
+// option).
+std::optional<int> parse_options(int argc, char** argv, Plan* plan) {
   const option options[] = {{"thread", required_argument, nullptr, 't'},
                             {"main", required_argument, nullptr, 'm'},
                             {"main-name", required_argument, nullptr, 'n'},
@@ -194,39 +196,53 @@ int main(int argc, char** argv) {
                             {nullptr, 0, nullptr, 0}};
   opterr = 0;
   // "+": options end at --spawn, whose arguments are the child's whole command line.
-  for (int c;
-       spawn_argv == nullptr && (c = getopt_long(argc, argv, "+:h", options, nullptr)) != -1;) {
+  for (int c; plan->spawn_argv == nullptr &&
+              (c = getopt_long(argc, argv, "+:h", options, nullptr)) != -1;) {
     std::string value = optarg != nullptr ? optarg : "";
-    if (c == 't') {
-      size_t colon = value.rfind(':');
-      if (colon == std::string::npos || colon + 2 != value.size()) {
-        cli::error(kTool, "--thread takes NAME:STATE, not \"%s\"", value.c_str());
-        return EX_USAGE;
-      }
-      threads.push_back({value.substr(0, colon), value[colon + 1]});
+    size_t colon = value.rfind(':');
+    if (c == 't' && colon != std::string::npos && colon + 2 == value.size()) {
+      plan->threads->push_back({value.substr(0, colon), value[colon + 1]});
+    } else if (c == 't') {
+      cli::error(kTool, "--thread takes NAME:STATE, not \"%s\"", value.c_str());
+      return EX_USAGE;
     } else if (c == 'm') {
-      main_state = value[0];
+      plan->main_state = value[0];
     } else if (c == 'n') {
-      main_name = value;
+      plan->main_name = value;
     } else if (c == 'l') {
-      life_ms = atoi(optarg);
+      plan->life_ms = atoi(optarg);
     } else if (c == 's') {
       signal_file = optarg;
     } else if (c == 'c' && optind < argc) {
-      spawn_argv = argv + optind;
+      plan->spawn_argv = argv + optind;
+    } else if (c == 'c') {
+      cli::error(kTool, "--spawn needs a command line (see %s --help)", kTool);
+      return EX_USAGE;
     } else if (c == 'h') {
       fputs(kUsage, stdout);
       return EX_OK;
     } else if (c == cli::kVersionOption) {
       return cli::version(kTool);
-    } else if (c == 'c') {
-      cli::error(kTool, "--spawn needs a command line (see %s --help)", kTool);
-      return EX_USAGE;
     } else {
       return cli::bad_option(kTool, c, argv);
     }
   }
-  set_name(main_name);
+  return std::nullopt;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Static: a main thread that exits unwinds main's locals while the other threads go on.
+  static std::vector<ThreadPlan> threads;
+  threads.reserve(static_cast<size_t>(argc));
+  Plan plan;
+  plan.threads = &threads;
+  std::string base = argv[0];
+  plan.main_name = base.substr(base.rfind('/') + 1);
+  set_name(plan.main_name);
+  if (std::optional<int> done = parse_options(argc, argv, &plan)) return *done;
+  set_name(plan.main_name);
   setvbuf(stdout, nullptr, _IONBF, 0);
 
   if (signal_file != nullptr) {
@@ -238,7 +254,7 @@ int main(int argc, char** argv) {
     pthread_t catcher;
     if (pthread_create(&catcher, nullptr, catch_signals, nullptr) != 0) die("pthread_create");
   }
-  if (spawn_argv != nullptr) spawn_child(spawn_argv);
+  if (plan.spawn_argv != nullptr) spawn_child(plan.spawn_argv);
   for (ThreadPlan& plan : threads) {
     pthread_t thread;
     if (pthread_create(&thread, nullptr, run_thread, &plan) != 0) die("pthread_create");
@@ -258,14 +274,14 @@ int main(int argc, char** argv) {
   for (const ThreadPlan& plan : threads) line += " " + std::to_string(plan.tid);
   line += "\n";
   if (write(STDOUT_FILENO, line.data(), line.size()) < 0) die("write");
-  if (life_ms > 0) {
+  if (plan.life_ms > 0) {
     pthread_t ender;
     auto end = [](void* ms) -> void* {
       sleep_ms(static_cast<long>(reinterpret_cast<intptr_t>(ms)));
       _exit(0);
     };
-    pthread_create(&ender, nullptr, end, reinterpret_cast<void*>(static_cast<intptr_t>(life_ms)));
+    pthread_create(&ender, nullptr, end, reinterpret_cast<void*>(static_cast<intptr_t>(plan.life_ms)));
   }
-  if (main_state == 'Z') pthread_exit(nullptr);
+  if (plan.main_state == 'Z') pthread_exit(nullptr);
   for (;;) pause();
 }
