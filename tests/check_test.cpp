@@ -70,12 +70,26 @@ std::string mended(const std::string& props, const Json::Value& finding) {
   return out + fix["key"].asString() + "=" + fix["value"].asString() + "\n";
 }
 
-std::set<std::string> error_ids(const Json::Value& report) {
-  std::set<std::string> ids;
+// The errors of a report, as (id, entry).
+std::set<std::pair<std::string, std::string>> errors(const Json::Value& report) {
+  std::set<std::pair<std::string, std::string>> out;
   for (const Json::Value& f : report["findings"]) {
-    if (f["severity"] == "error") ids.insert(f["id"].asString());
+    if (f["severity"] == "error") out.insert({f["id"].asString(), f["entry"].asString()});
   }
-  return ids;
+  return out;
+}
+
+// A finding's fix leaves neither the finding nor an error that was not there before.
+void expect_mended(const Json::Value& before, const Json::Value& finding, const Json::Value& after,
+                   const std::string& fixed) {
+  for (const Json::Value& g : after["findings"]) {
+    EXPECT_FALSE(g["id"] == finding["id"] && g["entry"] == finding["entry"]) << fixed;
+    if (g["severity"] == "error") {
+      EXPECT_EQ(errors(before).count({g["id"].asString(), g["entry"].asString()}), 1u)
+          << g["id"] << " " << g["entry"] << " after\n"
+          << fixed;
+    }
+  }
 }
 
 const std::string p = "persist.vendor.sw.";
@@ -141,13 +155,7 @@ TEST(Check, FindsEachHazardAtItsLinesAndItsAdviceMendsIt) {
     for (const Json::Value& f : report["findings"]) {
       if (f["fix"].isNull()) continue;
       std::string fixed = mended(props, f);
-      Json::Value after = parsed(check_props(fixed, "--json").out);
-      for (const Json::Value& g : after["findings"]) {
-        EXPECT_FALSE(g["id"] == f["id"] && g["entry"] == f["entry"]) << fixed;
-        if (g["severity"] == "error") {
-          EXPECT_EQ(error_ids(report).count(g["id"].asString()), 1u) << fixed;
-        }
-      }
+      expect_mended(report, f, parsed(check_props(fixed, "--json").out), fixed);
     }
   }
 }
@@ -226,6 +234,90 @@ TEST(Check, RefusesWhatItCannotCheckInOneLine) {
   Checked run = check({}, "", p + "enable=1\n", 0666);
   EXPECT_EQ(run.status, 2);
   EXPECT_NE(run.out.find("\nerror property-file: props\n"), std::string::npos) << run.out;
+}
+
+std::string sh_quote(const std::string& s) {
+  std::string out = "'";
+  for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+// Stand-ins in a PID namespace of their own (unshare), and commands run inside it (nsenter).
+class Namespace {
+ public:
+  explicit Namespace(const std::vector<Lines>& stand_ins) {
+    std::string script;
+    for (size_t k = 0; k < stand_ins.size(); ++k) {
+      std::string out = dir_.path(std::to_string(k) + ".out");
+      script += "(exec -a " + sh_quote(stand_ins[k][0]) + " " + stand_in_path();
+      for (size_t i = 1; i < stand_ins[k].size(); ++i) script += " " + sh_quote(stand_ins[k][i]);
+      script += " >" + out + " &); until [ -s " + out + " ]; do sleep 0.01; done; ";
+    }
+    script += "touch " + dir_.path("ready") + "; exec sleep 600";
+    ns_.emplace(spawn("/usr/bin/unshare", {"unshare", "--pid", "--fork", "--kill-child",
+                                           "--mount-proc", "/bin/bash", "-c", script}));
+    eventually([&] { return std::filesystem::exists(dir_.path("ready")); }, 10000);
+    std::string self = std::to_string(ns_->pid());
+    init_ = android::base::Trim(read_file("/proc/" + self + "/task/" + self + "/children"));
+  }
+  Child start(const std::string& command) const {
+    return spawn("/usr/bin/nsenter",
+                 {"nsenter", "-t", init_, "-p", "-m", "/bin/sh", "-c", command});
+  }
+  TempDir dir_;
+
+ private:
+  std::optional<Child> ns_;
+  std::string init_;
+};
+
+// Each live finding's fix, applied on the same running system, mends it and makes no new error;
+// the ps way's system has a process called stall_ward first, whose self-test passes. (A thread
+// that goes away changes the system under the fix: thread-gone's fix is the no-thread one.)
+TEST(Check, LiveAdviceMendsWhatItFinds) {
+  const std::tuple<std::string, std::vector<Lines>, bool> systems[] = {
+      {"long:PowerManagerService:no app:idle mainly jit:Jit twice:watchdog com.android.nfc",
+       {{"long", "--thread", "PowerManagerService:S"},
+        {"zygote64", "--spawn", "app", "--thread", "idle:S"},
+        {"mainly", "--main-name", "other"},
+        {"jit", "--thread", "Jit thread pool:S"},
+        {"twice", "--thread", "watchdog:D"},
+        {"twice", "--thread", "watchdog:D"},
+        {"zygote64", "--spawn", "com.android.nfc"}},
+       false},
+      {"zygote system_server:android.anim:watchdog runs:qq ghost",
+       {{"stall_ward"},
+        {"zygote64", "--spawn", "system_server", "--thread", "android.anim.lf:S", "--thread",
+         "android.anim:P", "--thread", "watchdog:P"},
+        {"zygote"},
+        {"runs", "--thread", "qq:S"}},
+       true},
+  };
+  for (const auto& [processes, stand_ins, ps_way] : systems) {
+    Namespace ns(stand_ins);
+    int n = 0;
+    auto check_live = [&](const std::string& props) {
+      std::string path = ns.dir_.path("props" + std::to_string(n++));
+      write_file(path, props);
+      return ns.start(std::string("env LD_PRELOAD=" FAKETIME_LIB " 'FAKETIME=+0 x20' ") +
+                      (ps_way ? android_ps_path() : "") + " STALL_WARD_PROPERTIES=" + path +
+                      " " STALL_WARD_CHECK_PATH " --live --json");
+    };
+    const std::string props =
+        p + "enable=1\n" + p + "policy=kill\n" + p + "processes=" + processes + "\n";
+    Json::Value first = parsed(check_live(props).read_all());
+    std::vector<std::tuple<Json::Value, std::string, Child>> runs;
+    for (const Json::Value& f : first["findings"]) {
+      if (f["fix"].isNull()) continue;
+      std::string fixed = mended(props, f);
+      runs.emplace_back(f, fixed, check_live(fixed));
+    }
+    EXPECT_GE(runs.size(), ps_way ? 3u : 6u) << first;
+    for (auto& [f, fixed, child] : runs) {
+      expect_mended(first, f, parsed(child.read_all()), fixed);
+      child.wait(5000);
+    }
+  }
 }
 
 // The three tools' one command-line convention.

@@ -216,8 +216,8 @@ TEST(Scenario, TheCheckersLiveFindingsAreWhatTheDaemonDoes) {
         {"runs", "--thread", "qq:S"}},
        true,
        {{"error ps-substring: zygote\n", true, "I zygote proc not started", true},
-        {"error ps-substring: system_server:android.anim\n", true, "I android.anim proc not started",
-         true},
+        {"error ps-substring: system_server:android.anim\n", true,
+         "I android.anim proc not started", true},
         {"system_server:watchdog\n", false, "I dumped {0}", false},
         {"error thread-gone: hal:screen\n", true, "I dumped {2}", true},
         {"error ps-carry-over: ghost\n", true,
@@ -226,10 +226,12 @@ TEST(Scenario, TheCheckersLiveFindingsAreWhatTheDaemonDoes) {
   };
   for (const CheckerCase& c : cases) {
     std::string env = c.ps_way ? android_ps_path() : "";
-    DaemonRun run(props(c.processes), c.stand_ins, c.ps_way ? Lines{env} : Lines{},
-                  "(sleep 0.5; env " + env + " LD_PRELOAD=" FAKETIME_LIB
-                  " 'FAKETIME=+0 x20' STALL_WARD_PROPERTIES=\"$DIR/props\" " STALL_WARD_CHECK_PATH
-                  " --live >\"$DIR/check.tmp\"; mv \"$DIR/check.tmp\" \"$DIR/check\") &");
+    DaemonRun run(
+        props(c.processes), c.stand_ins, c.ps_way ? Lines{env} : Lines{},
+        "(sleep 0.5; env " + env +
+            " LD_PRELOAD=" FAKETIME_LIB
+            " 'FAKETIME=+0 x20' STALL_WARD_PROPERTIES=\"$DIR/props\" " STALL_WARD_CHECK_PATH
+            " --live >\"$DIR/check.tmp\"; mv \"$DIR/check.tmp\" \"$DIR/check\") &");
     ASSERT_TRUE(eventually([&] { return !read_file(run.dir.path("check")).empty(); }, kWait));
     const std::string check = read_file(run.dir.path("check"));
     for (const auto& [finding, given, line, comes] : c.rows) {
@@ -237,7 +239,8 @@ TEST(Scenario, TheCheckersLiveFindingsAreWhatTheDaemonDoes) {
       std::string want = with_pids(line, run);
       EXPECT_EQ(eventually([&] { return logged(run.messages(), want); }, comes ? 2 * kWait : 0),
                 comes)
-          << want << "\n" << android::base::Join(run.messages(), "\n");
+          << want << "\n"
+          << android::base::Join(run.messages(), "\n");
     }
   }
 }

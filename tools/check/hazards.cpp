@@ -51,7 +51,8 @@ std::string joined(const Entries& entries) {
 }
 
 // The processes value with each piece of an entry of process that equals from replaced by to
-// (dropped when to is empty); from empty: the entry itself.
+// (dropped when to is empty, with the entry when it has no thread left); from empty: the entry
+// itself.
 std::string replaced(const System& s, const std::string& process, const std::string& from,
                      const std::string& to) {
   Entries entries = entries_of(s.processes_text);
@@ -65,6 +66,7 @@ std::string replaced(const System& s, const std::string& process, const std::str
       if (pieces[i] == from) pieces[i] = to;
     }
     pieces.erase(std::remove(pieces.begin() + 1, pieces.end(), ""), pieces.end());
+    if (pieces.size() == 1) pieces.clear();  // a thread's entry does not become its process's
   }
   return joined(entries);
 }
@@ -266,7 +268,9 @@ void colon_split(const System& s, Hits* hits) {
       std::string name = pieces[i - 1] + ":" + pieces[i];
       Entries entries = entries_of(s.processes_text);
       for (auto& e : entries) {
-        if (e == pieces) e.erase(e.begin() + static_cast<long>(i) - 1, e.begin() + i + 1);
+        if (e != pieces) continue;
+        e.erase(e.begin() + static_cast<long>(i) - 1, e.begin() + i + 1);
+        if (e.size() == 1) e.clear();
       }
       hits->push_back(
           {kPropProcesses, pieces[0] + ":" + name,
