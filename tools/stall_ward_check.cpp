@@ -41,23 +41,7 @@ struct Refusal {
 };
 
 // ---------------------------------------------------------------------------------------------
-// The configuration, as init reads the files a device loads (property_service.cpp,
-// PropertyLoadBootDefaults): their place in init's order, by the end of their path.
-
-const std::pair<const char*, int> kLoadOrder[] = {
-    {"vendor/default.prop", 3}, {"odm/default.prop", 5},   {"prop.default", 0},
-    {"default.prop", 0},        {"system/build.prop", 1},  {"system_ext/build.prop", 2},
-    {"vendor/build.prop", 4},   {"odm/etc/build.prop", 5}, {"odm/build.prop", 5},
-    {"product/build.prop", 6},  {"factory.prop", 7},
-};
-constexpr int kFactoryRank = 7;  // init takes only ro.* from it
-
-int load_rank(const std::string& path) {
-  for (const auto& [end, rank] : kLoadOrder) {
-    if (android::base::EndsWith(path, end)) return rank;
-  }
-  return 8;  // a file init does not load by name: after the others, in the order given
-}
+// The configuration.
 
 std::optional<Refusal> read_text(const std::string& path, std::string* text) {
   if (!android::base::ReadFileToString(path, text)) {
@@ -69,9 +53,9 @@ std::optional<Refusal> read_text(const std::string& path, std::string* text) {
 
 void add_lines(const std::string& path, const std::string& text, System* s) {
   for (const PropertyLine& line : parse_property_text(path, text).lines) {
-    bool taken = load_rank(path) != kFactoryRank || android::base::StartsWith(line.key, "ro.");
-    if (taken && android::base::StartsWith(line.key, kPropPrefix))
+    if (init_loads(path, line.key) && android::base::StartsWith(line.key, kPropPrefix)) {
       s->lines[line.key].push_back(line);
+    }
   }
 }
 
@@ -83,8 +67,9 @@ std::optional<Refusal> read_files(std::vector<std::string> paths, System* s) {
                  "property files are read by the host build; here, run it without files "
                  "to check the live properties"};
 #else
-  std::stable_sort(paths.begin(), paths.end(),
-                   [](const auto& a, const auto& b) { return load_rank(a) < load_rank(b); });
+  std::stable_sort(paths.begin(), paths.end(), [](const auto& a, const auto& b) {
+    return init_load_rank(a) < init_load_rank(b);
+  });
   std::unordered_map<std::string, std::string> set;
   for (const std::string& path : paths) {
     std::string text;

@@ -2,6 +2,7 @@
 
 #include <ctype.h>
 #include <cutils/properties.h>
+#include <string.h>
 
 PropertyText parse_property_text(const std::string& path, const std::string& text) {
   PropertyText out;
@@ -38,4 +39,28 @@ std::string property_refusal(const std::string& key, const std::string& value) {
   if (value.size() < PROPERTY_VALUE_MAX || key.compare(0, 3, "ro.") == 0) return "";
   return std::to_string(value.size()) + " bytes, longer than " +
          std::to_string(PROPERTY_VALUE_MAX - 1);
+}
+
+namespace {
+
+const std::pair<const char*, int> kLoadOrder[] = {
+    {"vendor/default.prop", 3}, {"odm/default.prop", 5},   {"prop.default", 0},
+    {"default.prop", 0},        {"system/build.prop", 1},  {"system_ext/build.prop", 2},
+    {"vendor/build.prop", 4},   {"odm/etc/build.prop", 5}, {"odm/build.prop", 5},
+    {"product/build.prop", 6},  {"factory.prop", 7},
+};
+constexpr int kFactoryRank = 7;
+
+}  // namespace
+
+int init_load_rank(const std::string& path) {
+  for (const auto& [end, rank] : kLoadOrder) {
+    size_t n = strlen(end);
+    if (path.size() >= n && path.compare(path.size() - n, n, end) == 0) return rank;
+  }
+  return kFactoryRank + 1;
+}
+
+bool init_loads(const std::string& path, const std::string& key) {
+  return init_load_rank(path) != kFactoryRank || key.compare(0, 3, "ro.") == 0;
 }

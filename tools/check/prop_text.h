@@ -26,3 +26,10 @@ PropertyText parse_property_text(const std::string& path, const std::string& tex
 // Why init's PropertySet refuses key=value (empty: it is set): a value of PROP_VALUE_MAX bytes or
 // more, unless the key starts with "ro.".
 std::string property_refusal(const std::string& key, const std::string& value);
+
+// Where init reads a file among those it loads at boot (property_service.cpp,
+// PropertyLoadBootDefaults), by the end of its path: a later file's line for a key wins over an
+// earlier's. A file init does not load by name ranks after all of them.
+int init_load_rank(const std::string& path);
+// Whether init takes key from the file at path: factory.prop gives ro.* keys alone.
+bool init_loads(const std::string& path, const std::string& key);
