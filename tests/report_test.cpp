@@ -267,6 +267,10 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   std::string zip = read_file(dir.path("bugreport-x.zip"));  // cut short: said, and exit 2
   write_file(dir.path("cut.zip"), zip.substr(0, zip.size() / 2));
   EXPECT_EQ(WEXITSTATUS(spawn(STALL_WARD_REPORT_PATH, {"r", dir.path("cut.zip")}).wait(20000)), 2);
+  write_file(dir.path("empty.txt"), "");  // no line of the daemon: said, and exit 1
+  Child empty = spawn(STALL_WARD_REPORT_PATH, {"r", dir.path("empty.txt")}, dir.path("empty.err"));
+  EXPECT_EQ(WEXITSTATUS(empty.wait(20000)), 1);
+  EXPECT_NE(read_file(dir.path("empty.err")).find(report::kNoDaemonLine), std::string::npos);
   Child browser =
       spawn("/usr/bin/chromium",
             {"chromium", "--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",

@@ -80,12 +80,15 @@ int main(int argc, char** argv) {
   int jobs = 0;
   timespec start = {};
   clock_gettime(CLOCK_MONOTONIC, &start);
-  const option options[] = {
-      {"html", required_argument, nullptr, 'o'}, {"json", no_argument, nullptr, 'j'},
-      {"stats", no_argument, nullptr, 's'},      {"summary", no_argument, nullptr, 'S'},
-      {"jsonl", no_argument, nullptr, 'l'},      {"jobs", required_argument, nullptr, 'J'},
-      {"help", no_argument, nullptr, 'h'},       {"version", no_argument, nullptr, cli::kVersionOption},
-      {nullptr, 0, nullptr, 0}};
+  const option options[] = {{"html", required_argument, nullptr, 'o'},
+                            {"json", no_argument, nullptr, 'j'},
+                            {"stats", no_argument, nullptr, 's'},
+                            {"summary", no_argument, nullptr, 'S'},
+                            {"jsonl", no_argument, nullptr, 'l'},
+                            {"jobs", required_argument, nullptr, 'J'},
+                            {"help", no_argument, nullptr, 'h'},
+                            {"version", no_argument, nullptr, cli::kVersionOption},
+                            {nullptr, 0, nullptr, 0}};
   opterr = 0;
   for (int c; (c = getopt_long(argc, argv, ":h", options, nullptr)) != -1;) {
     if (c == 'o') {
@@ -120,11 +123,12 @@ int main(int argc, char** argv) {
     return EX_USAGE;
   }
   if ((summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
-    cli::error("stall_ward_report", "--summary and --jsonl each stand alone: --summary takes no "
-                                    "--json or --jsonl, --jsonl no --json or --html");
+    cli::error("stall_ward_report",
+               "--summary and --jsonl each stand alone: --summary takes no "
+               "--json or --jsonl, --jsonl no --json or --html");
     return EX_USAGE;
   }
-  bool failed = false;
+  bool failed = false, nothing = false;
   if (summary || jsonl) {
     report::Summary table;
     table.pages = !html.empty();
@@ -152,6 +156,10 @@ int main(int argc, char** argv) {
       return 2;
     }
     failed = !story.input.errors.empty();
+    if (!failed && story.input.daemon == 0) {
+      cli::error("stall_ward_report", "%s", report::kNoDaemonLine);
+      nothing = true;
+    }
   }
   if (stats) {
     timespec end = {};
@@ -162,5 +170,5 @@ int main(int argc, char** argv) {
             static_cast<double>(end.tv_sec - start.tv_sec) + (end.tv_nsec - start.tv_nsec) / 1e9,
             usage.ru_maxrss);
   }
-  return failed ? 2 : 0;
+  return failed ? 2 : nothing ? 1 : 0;
 }

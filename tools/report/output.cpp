@@ -726,6 +726,7 @@ std::string summary(const Story& story) {
       static_cast<unsigned long long>(in.unreadable), story.runs.size(),
       story.runs.size() == 1 ? "" : "s", evidence_counts(story).c_str());
   for (const std::string& error : in.errors) s += "cannot read " + error + "\n";
+  if (in.daemon == 0) s += std::string(kNoDaemonLine) + "\n";
   return s;
 }
 

@@ -258,6 +258,11 @@ struct Story {
 // timeline, the incidents, and the kernel dumps attached to the evidence that asked for them.
 Story build_story(const std::vector<std::string>& paths);
 
+// Said when the inputs hold no line of the daemon.
+constexpr const char* kNoDaemonLine =
+    "no line of stall_ward in the input: not its log, or its debug property was off (its lines "
+    "carry the tag stall_ward)";
+
 std::string text_report(const Story& story);
 std::string html_report(const Story& story);
 std::string json_report(const Story& story);
