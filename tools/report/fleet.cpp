@@ -189,13 +189,29 @@ uint64_t fnv1a(const std::string& s) {
 }
 
 // "MM-DD hh:mm:ss.mmm" of a logcat clock as "YYYY-MM-DD hh:mm:ss", the year from the bug report's
-// time ("YYYY-MM-DD hh:mm:ss"; the year before when the month is later than the report's).
-std::string dated(const std::string& clock, const std::string& taken) {
+// time ("YYYY-MM-DD hh:mm:ss"; the year before when the month is later than the report's), else
+// the log's own (logcat -v year); without either, "MM-DD hh:mm:ss", a time without a year.
+std::string dated(const std::string& clock, const std::string& taken, int log_year) {
   if (clock.size() != 18) return clock;
-  if (taken.size() < 10 || taken[4] != '-') return clock.substr(0, 14);
+  if (taken.size() < 10 || taken[4] != '-') {
+    return log_year > 0 ? StringPrintf("%04d-", log_year) + clock.substr(0, 14)
+                        : clock.substr(0, 14);
+  }
   int year = atoi(taken.c_str());
   if (clock.compare(0, 2, taken, 5, 2) > 0) --year;
   return StringPrintf("%04d-", year) + clock.substr(0, 14);
+}
+
+bool has_year(const std::string& time) {
+  return time.size() > 4 && time[4] == '-';
+}
+
+// Whether `a` comes before `b` for first and last seen: dated times in their order; a time without
+// a year is never compared with a dated one, which wins (as the first when `first`, else as the
+// last).
+bool before(const std::string& a, const std::string& b, bool first) {
+  if (has_year(a) != has_year(b)) return first ? has_year(a) : has_year(b);
+  return a < b;
 }
 
 }  // namespace
@@ -209,9 +225,10 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
       h.device = story.input.device;
       h.build = story.input.build;
       h.taken = story.input.taken;
-      h.since = dated(in.since, h.taken);
-      h.seen = dated(in.evidence_clock.empty() ? in.since : in.evidence_clock, h.taken);
-      h.acted = dated(in.action_clock, h.taken);
+      h.since = dated(in.since, h.taken, story.input.year);
+      h.seen = dated(in.evidence_clock.empty() ? in.since : in.evidence_clock, h.taken,
+                     story.input.year);
+      h.acted = dated(in.action_clock, h.taken, story.input.year);
       h.process = in.process;
       h.thread = in.record;
       h.pid = in.pid;
@@ -369,8 +386,8 @@ void Summary::add(Hang h) {
     row.frames = h.frames;
     row.blocker = h.blocker;
   }
-  if (!h.seen.empty() && (row.first.empty() || h.seen < row.first)) row.first = h.seen;
-  row.last = std::max(row.last, h.seen);
+  if (!h.seen.empty() && (row.first.empty() || before(h.seen, row.first, true))) row.first = h.seen;
+  if (!h.seen.empty() && (row.last.empty() || before(row.last, h.seen, false))) row.last = h.seen;
   for (auto [list, value] : {std::make_pair(&row.devices, &h.device), {&row.builds, &h.build}}) {
     auto at = std::lower_bound(list->begin(), list->end(), *value);
     if (!value->empty() && (at == list->end() || *at != *value)) list->insert(at, *value);

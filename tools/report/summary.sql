@@ -12,7 +12,8 @@ FROM json_each('[' || replace(rtrim(CAST(readfile('incidents.jsonl') AS TEXT), c
                               char(10), ',') || ']');
 
 SELECT COUNT(*) AS count, COUNT(DISTINCT device) AS devices, COUNT(DISTINCT build) AS builds,
-       MIN(seen) AS first_seen, MAX(seen) AS last_seen,
+       COALESCE(MIN(CASE WHEN substr(seen, 5, 1) = '-' THEN seen END), MIN(seen)) AS first_seen,
+       COALESCE(MAX(CASE WHEN substr(seen, 5, 1) = '-' THEN seen END), MAX(seen)) AS last_seen,
        process, thread, state, frames, blocker, signature
 FROM incidents
 GROUP BY signature, process, thread, state, frames, blocker
