@@ -527,4 +527,37 @@ TEST(Report, ASignatureKeepsThePlaceAndDropsTheBuild) {
   }
 }
 
+// A Java lock's holder inside a call to another process is shown by the Java frames that say so,
+// the same in the account and in the signature's blocker.
+TEST(Report, AHolderInABinderCallIsShownByItsJavaFrames) {
+  report::Story s;
+  report::Incident& in = s.runs.emplace_back().incidents.emplace_back();
+  in.tid = 7;
+  in.java = 0;
+  in.signalled = 5;
+  in.sigquit = true;
+  report::ProcessDump& dump = s.stacks.emplace_back();
+  dump.threads.push_back(
+      {"watchdog", "Blocked", 7, 1, {"a.B.monitor(B.java:9)"}, "<0x1> (a a.C)", 2});
+  dump.threads.push_back(
+      {"binder:5_2",
+       "Native",
+       8,
+       2,
+       {"libc.so (__ioctl+4)", "libc.so (ioctl+156)",
+        "libbinder.so (android::IPCThreadState::transact+224)",
+        "android.os.BinderProxy.transactNative(Native method)",
+        "android.os.BinderProxy.transact(BinderProxy.java:540)", "- locked <0x1> (a a.C)"},
+       "",
+       0});
+  std::string account = report::incident_account(s, s.runs[0], in);
+  EXPECT_NE(
+      account.find("(tid 8, Native) at android.os.BinderProxy.transactNative(Native method) < "
+                   "android.os.BinderProxy.transact"),
+      std::string::npos)
+      << account;
+  EXPECT_EQ(report::hangs_of(s, "x")[0].blocker,
+            "waits for a.C held by \"binder:N_N\" at android.os.BinderProxy.transactNative");
+}
+
 }  // namespace

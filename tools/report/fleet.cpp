@@ -94,10 +94,6 @@ std::string native_function(const std::string& f) {
   return android::base::Trim(out);
 }
 
-bool native_frame(const std::string& f) {
-  return f.find(" (") != std::string::npos || f.empty() || f[0] == '[' || f[0] == '#';
-}
-
 // The first frames of the watched thread's stacks, each kind in its own form: the frames `skip`
 // passes over left out, each of the others as `form` gives it.
 std::vector<std::string> top_frames(const std::vector<std::string>& stack,
@@ -160,9 +156,12 @@ std::string blocker_of(const Story& story, const Incident& in) {
       for (size_t k = 0; k < chain.size(); ++k) {
         const StackThread& t = dump.threads[chain[k]];
         if (k > 0) {
-          std::vector<std::string> top = java_top(t.stack);
-          s += " held by \"" + without_numbers(t.name) + "\"" +
-               (top.empty() ? "" : " at " + top[0]) + (t.waits_for.empty() ? "" : ", which");
+          std::vector<std::string> top = holder_frames(t);
+          std::string at = top.empty()            ? ""
+                           : native_frame(top[0]) ? native_function(top[0])
+                                                  : java_function(top[0]);
+          s += " held by \"" + without_numbers(t.name) + "\"" + (at.empty() ? "" : " at " + at) +
+               (t.waits_for.empty() ? "" : ", which");
         }
         if (!t.waits_for.empty()) s += " waits for " + monitor_class(t.waits_for);
       }

@@ -137,4 +137,16 @@ std::vector<size_t> monitor_chain(const ProcessDump& dump, size_t thread, bool* 
   return chain;
 }
 
+bool native_frame(const std::string& f) {
+  return f.find(" (") != std::string::npos || f.empty() || f[0] == '[' || f[0] == '#';
+}
+
+std::vector<std::string> holder_frames(const StackThread& thread) {
+  std::vector<std::string> java, native;
+  for (const std::string& f : thread.stack) {
+    if (!StartsWith(f, "- ")) (native_frame(f) ? native : java).push_back(f);
+  }
+  return java.empty() ? native : java;
+}
+
 }  // namespace report

@@ -261,7 +261,14 @@ std::string java_blocker(const ProcessDump& dump, int thread, bool* deadlock) {
   std::string s;
   for (size_t k = 0; k < chain.size(); ++k) {
     const StackThread& t = dump.threads[chain[k]];
-    if (k > 0) s += thread_words(t) + " at " + frames_line(t, 2);
+    if (k > 0) {
+      std::vector<std::string> top = holder_frames(t);
+      s += thread_words(t) + " at " +
+           android::base::Join(
+               std::vector<std::string>(top.begin(), top.begin() + std::min<size_t>(2, top.size())),
+               " < ") +
+           (top.size() > 2 ? " < ..." : "");
+    }
     if (t.waits_for.empty()) break;
     s += std::string(k > 0 ? ", which " : "") + "waits to lock " + t.waits_for;
     s += t.held_by > 0 ? StringPrintf(" held by thread %d ", t.held_by) : " (its holder not named)";

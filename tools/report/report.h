@@ -180,6 +180,13 @@ struct NativeReader {
 };
 std::vector<ProcessDump> read_native_dumps(const std::vector<std::string>& lines);
 
+// Whether a frame of a Java or native dump is a native one ("libc.so (__ioctl+4)").
+bool native_frame(const std::string& frame);
+// The frames that say where a lock's holder is: its Java frames when it has any (a call into
+// another process shows as BinderProxy.transactNative and its callers, not as libc's ioctl), else
+// its native ones; never the lock lines.
+std::vector<std::string> holder_frames(const StackThread& thread);
+
 // From `thread` on through "waiting to lock ... held by thread N": the threads in turn (indexes
 // into dump.threads), `thread` first. A chain that comes back to one of its threads is a deadlock.
 std::vector<size_t> monitor_chain(const ProcessDump& dump, size_t thread, bool* deadlock);
