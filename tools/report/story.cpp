@@ -611,6 +611,8 @@ void add_line(Builder* b, const Line& line) {
 // A hung-task report with a wall clock further than this from the evidence is of another hang.
 constexpr int64_t kSameHangMs = 3600000;
 
+void attach_hung_task_reports(Story* story);
+
 void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
@@ -658,6 +660,12 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
     if (story->dumps[d].kind == "SysRq l" && story->dumps[d - 1].kind == "SysRq w")
       story->dumps[d].answers = story->dumps[d - 1].answers;
   }
+  attach_hung_task_reports(story);
+}
+
+// An incident whose thread no SysRq w dump lists takes the kernel's own hung-task report of it (or
+// a dump whose start the log lost), the last one of its boot within the hour.
+void attach_hung_task_reports(Story* story) {
   for (Run& run : story->runs) {
     for (Incident& in : run.incidents) {
       auto lists = [&](int d) {
