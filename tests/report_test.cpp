@@ -534,8 +534,7 @@ TEST(Report, AHolderInABinderCallIsShownByItsJavaFrames) {
   report::Incident& in = s.runs.emplace_back().incidents.emplace_back();
   in.tid = 7;
   in.java = 0;
-  in.signalled = 5;
-  in.sigquit = true;
+  in.actions = {{report::Act::kSigquit, "a", 5, -1, ""}, {report::Act::kSignal35, "a", 5, -1, ""}};
   report::ProcessDump& dump = s.stacks.emplace_back();
   dump.threads.push_back(
       {"watchdog", "Blocked", 7, 1, {"a.B.monitor(B.java:9)"}, "<0x1> (a a.C)", 2});

@@ -225,16 +225,16 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
       h.build = story.input.build;
       h.taken = story.input.taken;
       h.since = dated(in.since, h.taken, story.input.year);
-      h.seen = dated(in.evidence_clock.empty() ? in.since : in.evidence_clock, h.taken,
-                     story.input.year);
-      h.acted = dated(in.action_clock, h.taken, story.input.year);
+      const Action *evidence = first_evidence(in), *policy = first_policy(in);
+      h.seen = dated(evidence == nullptr ? in.since : evidence->clock, h.taken, story.input.year);
+      h.acted = dated(policy == nullptr ? "" : policy->clock, h.taken, story.input.year);
       h.process = in.process;
       h.thread = in.record;
       h.pid = in.pid;
       h.tid = in.tid;
       h.state = in.state;
-      h.evidence = in.evidence;
-      h.action = in.action;
+      h.evidence = evidence_phrase(in);
+      h.action = policy_phrase(in);
       h.story = incident_account(story, run, in);
       if (in.dump >= 0) {
         for (const KernelTask& task : story.dumps[in.dump].tasks) {

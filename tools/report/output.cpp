@@ -142,19 +142,19 @@ std::string target_words(const Story& story, const Run& run, const Incident& in,
 }
 
 std::string action_words(const Story& story, const Run& run, const Incident& in, const Action& a) {
-  if (a.what == "sysrq-w") return "SysRq w";
-  if (a.what == "sysrq-l") return "SysRq l";
-  if (a.what == "sigquit")  // the log does not say whether the process is an app
+  if (a.what == Act::kSysrqW) return "SysRq w";
+  if (a.what == Act::kSysrqL) return "SysRq l";
+  if (a.what == Act::kSigquit)  // the log does not say whether the process is an app
     return "SIGQUIT to " + target_words(story, run, in, a) + " if it is an app";
-  if (a.what == "signal-35") return "signal 35 to " + target_words(story, run, in, a);
-  if (a.what == "kill") return "killed " + target_words(story, run, in, a);
-  if (a.what == "reboot") return "rebooted the device";
-  if (a.what == "panic") return "kernel panic";
+  if (a.what == Act::kSignal35) return "signal 35 to " + target_words(story, run, in, a);
+  if (a.what == Act::kKill) return "killed " + target_words(story, run, in, a);
+  if (a.what == Act::kReboot) return "rebooted the device";
+  if (a.what == Act::kPanic) return "kernel panic";
   return "nothing (the policy is none)";
 }
 
 bool evidence_action(const Action& a) {
-  return a.what == "sysrq-w" || a.what == "sysrq-l" || a.what == "sigquit" || a.what == "signal-35";
+  return is_evidence(a.what);
 }
 
 // An incident's actions as steps: those of one kind (evidence or policy) at one time together,
@@ -176,7 +176,7 @@ std::vector<std::pair<const Action*, std::string>> steps(const Story& story, con
 
 // Where an incident's kernel dump is missing, what would have it.
 std::string missing_dump(const Story& story, const Incident& in) {
-  if (in.evidence.empty()) return "No evidence in the log yet.";
+  if (first_evidence(in) == nullptr) return "No evidence in the log yet.";
   if (in.dump >= 0) {
     return StringPrintf(
         "The kernel's dump %s lists %zu blocked tasks, not this thread: it was no longer in D "
@@ -318,14 +318,14 @@ std::string kernel_blocker(const KernelDump& dump, int tid) {
 // The Java and native stacks the incident's signals asked for, and the blocker.
 std::string stacks_text(const Story& story, const Incident& in) {
   std::string s;
-  if (in.signalled > 0 && in.sigquit && in.java < 0) {
+  if (signalled(in) > 0 && did(in, Act::kSigquit) && in.java < 0) {
     s += StringPrintf(
         "; no Java dump of pid %d in the input (Android 11 writes it to "
         "/data/anr/trace_NN: adb pull /data/anr)",
-        in.signalled);
+        signalled(in));
   }
-  if (in.signalled > 0 && in.native < 0)
-    s += StringPrintf("; no tombstone of pid %d in the input", in.signalled);
+  if (signalled(in) > 0 && in.native < 0)
+    s += StringPrintf("; no tombstone of pid %d in the input", signalled(in));
   for (int which : {in.java, in.native}) {
     if (which < 0) continue;
     const ProcessDump& dump = story.stacks[which];
@@ -615,15 +615,15 @@ std::string stacks_html(const Story& story, const Incident& in) {
     h += "<pre class=\"stack\">" +
          breakable(escape(android::base::Join(dump.threads[t].stack, "\n"))) + "</pre>";
   }
-  if (in.signalled > 0 && in.sigquit && in.java < 0) {
+  if (signalled(in) > 0 && did(in, Act::kSigquit) && in.java < 0) {
     h += StringPrintf(
         "<p class=\"missing\">No Java dump of pid %d in the input: Android 11 writes it to "
         "/data/anr/trace_NN, which a bug report does not carry (adb pull /data/anr).</p>",
-        in.signalled);
+        signalled(in));
   }
-  if (in.signalled > 0 && in.native < 0) {
-    h +=
-        StringPrintf("<p class=\"missing\">No tombstone of pid %d in the input.</p>", in.signalled);
+  if (signalled(in) > 0 && in.native < 0) {
+    h += StringPrintf("<p class=\"missing\">No tombstone of pid %d in the input.</p>",
+                      signalled(in));
   }
   std::string kernel = in.dump >= 0 ? kernel_blocker(story.dumps[in.dump], in.tid) : "";
   if (!kernel.empty())
@@ -873,7 +873,7 @@ nlohmann::json or_null(bool known, const T& value) {
 void add_stacks_json(const Story& story, const Incident& in, nlohmann::json* j) {
   (*j)["java_dump"] = or_null(in.java >= 0, in.java);
   (*j)["native_dump"] = or_null(in.native >= 0, in.native);
-  (*j)["signalled_pid"] = or_null(in.signalled > 0, in.signalled);
+  (*j)["signalled_pid"] = or_null(signalled(in) > 0, signalled(in));
   nlohmann::json blocker = {{"deadlock", false}, {"java", nullptr}, {"kernel", nullptr}};
   for (int which : {in.java, in.native}) {
     if (which < 0) continue;
@@ -1009,7 +1009,7 @@ std::string json_report(const Story& story) {
       json actions = json::array();
       for (const Action& a : in.actions) {
         std::string target = a.target.empty() ? name_of(story, run, a.pid) : a.target;
-        actions.push_back({{"what", a.what},
+        actions.push_back({{"what", act_name(a.what)},
                            {"target_pid", pid_or_null(a.pid)},
                            {"target", a.pid > 0 ? name_or_null(target) : json(nullptr)},
                            {"time", time(a.ms, a.clock)}});

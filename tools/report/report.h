@@ -203,27 +203,46 @@ struct Mark {
   int dump = -1;  // a self-watchdog event: index into Story::dumps of the dump it asked for
 };
 
-// What the daemon did about an incident: evidence (sysrq-w, sysrq-l, sigquit, signal-35) or its
+// What the daemon did about an incident: evidence (SysRq w and l, SIGQUIT, signal 35) or its
 // policy (kill, reboot, panic, none), to whom (pid -1: no process) and when.
+enum class Act { kSysrqW, kSysrqL, kSigquit, kSignal35, kKill, kReboot, kPanic, kNone };
+// "sysrq-w", "sysrq-l", "sigquit", "signal-35", "kill", "reboot", "panic", "none".
+const char* act_name(Act what);
+inline bool is_evidence(Act what) {
+  return what == Act::kSysrqW || what == Act::kSysrqL || what == Act::kSigquit ||
+         what == Act::kSignal35;
+}
 struct Action {
-  std::string what, target;  // target: the process's name, empty when none or not known
+  Act what;
+  std::string target;  // the process's name, empty when none or not known
   int pid = -1;
   int64_t ms = -1;
   std::string clock;
 };
 
+// One incident: the watched thread as it was when its stall reached the timeout, and what the
+// daemon did about it. Everything else about it is read from `actions` (below).
 struct Incident {
   std::string record, process;
   int pid = -1, tid = -1;
   char state = '?';
-  std::string since, evidence_clock, evidence, action_clock, action;
-  int64_t evidence_ms = -1;
+  std::string since;
   int dump = -1;  // index into Story::dumps of the kernel dump taken as evidence
   std::vector<Action> actions;
-  int signalled = -1;  // the process the daemon sent SIGQUIT or signal 35 to
-  bool sigquit = false;
   int java = -1, native = -1;  // indexes into Story::stacks of the dumps that answered
 };
+
+// The incident's first evidence action, or null.
+const Action* first_evidence(const Incident& in);
+// The first policy action, or null.
+const Action* first_policy(const Incident& in);
+bool did(const Incident& in, Act what);
+// The process signal 35 went to (the thread's, or a zombie's parent), -1 when none did.
+int signalled(const Incident& in);
+// The evidence as one phrase ("SysRq w, l", "SIGQUIT, signal 35"), empty when none; the policy's
+// ("killed pid N", "reboot"; "; again hh:mm:ss.mmm" for each repeat), empty when none.
+std::string evidence_phrase(const Incident& in);
+std::string policy_phrase(const Incident& in);
 
 // The daemon's reconstruction of one watched name (a thread name, or a process watched by its
 // main thread).

@@ -199,7 +199,15 @@ Record* judged(Builder* b, int pid, char state, bool policy) {
   return best;
 }
 
-void act(Incident* in, const Line& line, const char* what, int pid, const std::string& target) {
+// A policy action as the account says it.
+std::string policy_words(Act what, int pid) {
+  return what == Act::kKill     ? "killed pid " + std::to_string(pid)
+         : what == Act::kReboot ? "reboot"
+         : what == Act::kPanic  ? "kernel panic"
+                                : "nothing (the policy is none)";
+}
+
+void act(Incident* in, const Line& line, Act what, int pid, const std::string& target) {
   in->actions.push_back(Action{what, pid < 0 ? "" : target, pid, line.ms, line.clock});
 }
 
@@ -228,38 +236,27 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
     return;
   }
   char was = seen(*rec);
-  std::string what;
-  if (was == 'Z') what = "signal 35 to parent " + std::to_string(rec->ppid) + ", ";
-  if (was == 'D' || was == 'Z') {
-    what += "SysRq w, l";
-  } else {
-    what = was == 'S' ? "SIGQUIT, signal 35" : "signal 35";
-  }
   Incident& in = open_incident(b, rec);
   std::string name = rec->process.empty() ? rec->name : rec->process;
-  if (was == 'Z') act(&in, line, "signal-35", rec->ppid, "");
+  if (was == 'Z') act(&in, line, Act::kSignal35, rec->ppid, "");
   if (was == 'D' || was == 'Z') {
-    act(&in, line, "sysrq-w", -1, "");
-    act(&in, line, "sysrq-l", -1, "");
+    act(&in, line, Act::kSysrqW, -1, "");
+    act(&in, line, Act::kSysrqL, -1, "");
   } else {
-    if (was == 'S') act(&in, line, "sigquit", rec->pid, name);
-    act(&in, line, "signal-35", rec->pid, name);
+    if (was == 'S') act(&in, line, Act::kSigquit, rec->pid, name);
+    act(&in, line, Act::kSignal35, rec->pid, name);
   }
-  if (was != 'D') in.signalled = was == 'Z' ? rec->ppid : rec->pid;
-  in.sigquit = was == 'S';
-  in.evidence = what;
-  in.evidence_clock = line.clock;
-  in.evidence_ms = line.ms;
   rec->reported = true;
   rec->stall_ms = 0;
   add_point(rec, line, was);
-  rec->marks.push_back(mark(line, "evidence", what));
+  rec->marks.push_back(mark(line, "evidence", evidence_phrase(in)));
   if (was == 'D' || was == 'Z') {
     b->asked.emplace_back(b->current, rec->incident);
   }
 }
 
-void policy(Builder* b, const Line& line, int pid, const std::string& what) {
+void policy(Builder* b, const Line& line, int pid, Act kind) {
+  std::string what = policy_words(kind, pid);
   close_sample(b);
   Record* rec = judged(b, pid, 0, true);
   if (rec == nullptr) {
@@ -267,21 +264,11 @@ void policy(Builder* b, const Line& line, int pid, const std::string& what) {
     return;
   }
   Incident& in = open_incident(b, rec);
-  const char* kind = what == "reboot"         ? "reboot"
-                     : what == "kernel panic" ? "panic"
-                     : pid < 0                ? "none"
-                                              : "kill";
   act(&in, line, kind, pid, pid == rec->pid && !rec->process.empty() ? rec->process : "");
-  if (in.action.empty()) {
-    in.action = what;
-    in.action_clock = line.clock;
-  } else {
-    in.action += "; again " + line.clock.substr(6);
-  }
   rec->stall_ms = 0;
   add_point(rec, line, seen(*rec));
   rec->marks.push_back(mark(line, "policy", what));
-  if (what == "kernel panic") {
+  if (kind == Act::kPanic) {
     b->asked.emplace_back(b->current, rec->incident);
   }
 }
@@ -440,13 +427,13 @@ void judgment_line(Builder* b, const Line& line, const DaemonLine& d) {
     case Msg::kDumped:
       return evidence(b, line, number(f[0]), 0);
     case Msg::kPolicyKill:
-      return policy(b, line, number(f[0]), "killed pid " + std::to_string(number(f[0])));
+      return policy(b, line, number(f[0]), Act::kKill);
     case Msg::kPolicyReboot:
-      return policy(b, line, -1, "reboot");
+      return policy(b, line, -1, Act::kReboot);
     case Msg::kPolicyPanic:
-      return policy(b, line, -1, "kernel panic");
+      return policy(b, line, -1, Act::kPanic);
     case Msg::kPolicyNothing:
-      return policy(b, line, -1, "nothing (the policy is none)");
+      return policy(b, line, -1, Act::kNone);
     case Msg::kFrozen:
     case Msg::kProcessNotStarted:
       return not_running(b, line, text_of(f[0]), d.id == Msg::kFrozen);
@@ -617,7 +604,8 @@ void attach_dumps(Story* story, const std::vector<std::pair<int, int>>& asked) {
   std::vector<bool> taken(asked.size(), false);
   auto when = [&](const std::pair<int, int>& a) {
     const Run& run = story->runs[a.first];
-    return a.second >= 0 ? run.incidents[a.second].evidence_ms : run.events[-1 - a.second].ms;
+    return a.second >= 0 ? first_evidence(run.incidents[a.second])->ms
+                         : run.events[-1 - a.second].ms;
   };
   auto give = [&](size_t i, size_t dump) {
     taken[i] = true;
@@ -674,12 +662,12 @@ void attach_hung_task_reports(Story* story) {
         }
         return false;
       };
-      if (in.evidence.find("SysRq") == std::string::npos || (in.dump >= 0 && lists(in.dump)))
-        continue;
+      if (!did(in, Act::kSysrqW) || (in.dump >= 0 && lists(in.dump))) continue;
+      int64_t evidence_ms = first_evidence(in)->ms;
       for (size_t d = 0; d < story->dumps.size(); ++d) {
         const KernelDump& dump = story->dumps[d];
-        bool timed = dump.ms >= 0 && in.evidence_ms >= 0;
-        if (timed && std::llabs(dump.ms - in.evidence_ms) > kSameHangMs) continue;
+        bool timed = dump.ms >= 0 && evidence_ms >= 0;
+        if (timed && std::llabs(dump.ms - evidence_ms) > kSameHangMs) continue;
         if (dump.kind != "SysRq w" && dump.kind != "SysRq l" && dump.last_boot == run.last_boot &&
             lists(d)) {
           in.dump = static_cast<int>(d);
@@ -709,17 +697,19 @@ Window window_of(bool java) {
 void attach_stacks(Story* story) {
   for (Run& run : story->runs) {
     for (Incident& in : run.incidents) {
-      if (in.signalled <= 0) continue;
+      int pid = signalled(in);
+      if (pid <= 0) continue;
+      int64_t evidence_ms = first_evidence(in)->ms;
       for (int* which : {&in.java, &in.native}) {
         bool java = which == &in.java;
-        if (java && !in.sigquit) continue;
+        if (java && !did(in, Act::kSigquit)) continue;
         Window w = window_of(java);
         int64_t best = INT64_MAX;
         for (size_t k = 0; k < story->stacks.size(); ++k) {
           const ProcessDump& dump = story->stacks[k];
-          if (dump.pid != in.signalled || dump.java != java || dump.threads.empty()) continue;
-          bool timed = dump.ms >= 0 && in.evidence_ms >= 0;
-          int64_t off = timed ? dump.ms - in.evidence_ms - w.expected : 0;
+          if (dump.pid != pid || dump.java != java || dump.threads.empty()) continue;
+          bool timed = dump.ms >= 0 && evidence_ms >= 0;
+          int64_t off = timed ? dump.ms - evidence_ms - w.expected : 0;
           if (timed && (off < -w.before || off > w.after)) continue;
           if (std::llabs(off) <= best) {
             best = std::llabs(off);
@@ -732,6 +722,56 @@ void attach_stacks(Story* story) {
 }
 
 }  // namespace
+
+const char* act_name(Act what) {
+  static const char* const kNames[] = {"sysrq-w", "sysrq-l", "sigquit", "signal-35",
+                                       "kill",    "reboot",  "panic",   "none"};
+  return kNames[static_cast<int>(what)];
+}
+
+const Action* first_evidence(const Incident& in) {
+  for (const Action& a : in.actions) {
+    if (is_evidence(a.what)) return &a;
+  }
+  return nullptr;
+}
+
+const Action* first_policy(const Incident& in) {
+  for (const Action& a : in.actions) {
+    if (!is_evidence(a.what)) return &a;
+  }
+  return nullptr;
+}
+
+bool did(const Incident& in, Act what) {
+  for (const Action& a : in.actions) {
+    if (a.what == what) return true;
+  }
+  return false;
+}
+
+int signalled(const Incident& in) {
+  for (const Action& a : in.actions) {
+    if (a.what == Act::kSignal35) return a.pid;
+  }
+  return -1;
+}
+
+std::string evidence_phrase(const Incident& in) {
+  if (first_evidence(in) == nullptr) return "";
+  if (!did(in, Act::kSysrqW)) return did(in, Act::kSigquit) ? "SIGQUIT, signal 35" : "signal 35";
+  int parent = signalled(in);  // a zombie's
+  return (parent > 0 ? "signal 35 to parent " + std::to_string(parent) + ", " : "") + "SysRq w, l";
+}
+
+std::string policy_phrase(const Incident& in) {
+  std::string s;
+  for (const Action& a : in.actions) {
+    if (is_evidence(a.what)) continue;
+    s += s.empty() ? policy_words(a.what, a.pid) : "; again " + a.clock.substr(6);
+  }
+  return s;
+}
 
 Story build_story(const std::vector<std::string>& paths) {
   Builder b;
