@@ -474,6 +474,21 @@ std::string dump_html(const KernelDump& dump, int except_tid, const std::string&
   return h + "</details>";
 }
 
+// The row (0 to 2, from `first` on) where a label of `chars` characters at `px` percent fits after
+// the labels already placed, whose ends `row_end` keeps; -1 when none has room. A label's width
+// is reckoned at 7 px a character on a timeline 360 px wide (a phone's), so that none overlaps.
+int label_row(double row_end[3], double px, size_t chars, int first) {
+  double width = (static_cast<double>(chars) * 7 + 8) / 360 * 100;
+  double start = px > 75 ? px - width : px;
+  for (int k = 0; k < 3; ++k) {
+    int row = (first + k) % 3;
+    if (start < row_end[row]) continue;
+    row_end[row] = start + width;
+    return row;
+  }
+  return -1;
+}
+
 // A policy mark's label: the action as its incident tells it, with the target named.
 std::string policy_words(const Story& story, const Run& run, const Record& rec, const Mark& m) {
   for (const Incident& in : run.incidents) {
@@ -553,25 +568,21 @@ std::string timeline_html(const Story& story, const Run& run, const Record& rec,
   h += "</svg>";
   h += StringPrintf("<span class=\"ylabel\" style=\"top:%.1f%%\">timeout %llds</span>", ty,
                     static_cast<long long>(run.timeout_s));
-  double last = -100;
-  int last_row = -1;
   std::map<std::string, double> labelled;  // kind: where its last label is
+  double row_end[3] = {-100, -100, -100};  // where each row's last label ends, in percent
   for (const Mark& m : rec.marks) {
     double px = x(m.ms) / 10;
     // A mark close to the last labelled one of its kind goes without a label (its line has the
-    // title); a policy's label (long, often at the right end) goes below the others; a label
-    // close to the one before goes a row lower.
+    // title), and so does one for which no row has room; a policy's label goes below the others.
     auto same = labelled.find(m.kind);
     if (same != labelled.end() && px - same->second < 14) continue;
-    labelled[m.kind] = px;
-    int row = m.kind == "policy" ? 1 : 0;
-    if (px - last < 14 && row == last_row) row = (row + 1) % 3;
-    last_row = row;
-    last = px;
     std::string label = m.kind == "policy"        ? policy_words(story, run, rec, m)
                         : m.kind == "not-started" ? "not found"
                         : m.kind == "bind"        ? "rebound"
                                                   : m.kind;
+    int row = label_row(row_end, px, label.size(), m.kind == "policy" ? 1 : 0);
+    if (row < 0) continue;
+    labelled[m.kind] = px;
     h += StringPrintf(
         "<span class=\"mlabel %s%s\" style=\"left:%.2f%%;top:%dpx\" title=\"%s %s\">%s</span>",
         m.kind.c_str(), px > 75 ? " end" : "", px, 2 + 15 * row, escape(hms(m.clock)).c_str(),
