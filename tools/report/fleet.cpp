@@ -443,37 +443,46 @@ std::string Summary::table() const {
   return s;
 }
 
+namespace {
+
+// A table's cell, with its column's name for a narrow screen, where a row is shown as a card.
+std::string cell(const char* column, const std::string& html, bool time = false) {
+  return std::string("<td") + (time ? " class=\"t\"" : "") + " data-h=\"" + column + "\">" + html +
+         "</td>";
+}
+
+}  // namespace
+
 std::string Summary::html(const FleetStats& stats) const {
-  std::string s =
-      "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>stall_ward: hangs by "
-      "signature</title><style>body{font-family:sans-serif;margin:1em}table{border-collapse:"
-      "collapse}td,th{border:1px solid #ccc;padding:2px 6px;vertical-align:top;text-align:left}"
-      "code{font-size:90%}.t{white-space:nowrap}</style></head><body>\n";
+  std::string s = page_head("stall_ward: hangs by signature");
   s += StringPrintf(
-      "<h1>Hangs by signature</h1><p>%zu inputs read (%.1f MB), %zu with incidents, %zu damaged "
-      "and skipped.</p>\n<table class=\"summary\"><tr><th>count</th><th>devices</th>"
-      "<th>builds</th><th>first seen</th><th>last seen</th><th>process</th><th>thread</th>"
-      "<th>state</th><th>top frames</th><th>blocker</th><th>signature</th></tr>\n",
+      "<h1>Hangs by signature</h1><p class=\"sub\">%zu inputs read (%.1f MB), %zu with "
+      "incidents, %zu damaged and skipped.</p>\n<table class=\"fleet summary\"><tr><th>count</th>"
+      "<th>devices</th><th>builds</th><th>first seen</th><th>last seen</th><th>process</th>"
+      "<th>thread</th><th>state</th><th>top frames</th><th>blocker</th><th>signature</th></tr>\n",
       stats.inputs, static_cast<double>(stats.bytes) / 1e6, stats.with_incidents, stats.damaged);
   std::vector<const Row*> sorted = by_count(rows);
   for (const Row* r : sorted) {
-    s += StringPrintf("<tr class=\"signature\"><td>%zu</td><td>%zu</td><td>%zu</td>", r->count,
-                      r->devices.size(), r->builds.size());
-    s += "<td class=\"t\">" + r->first + "</td><td class=\"t\">" + r->last + "</td>";
-    for (const std::string* cell : {&r->process, &r->thread, &r->state, &r->frames, &r->blocker})
-      s += "<td>" + escape(*cell) + "</td>";
-    s += "<td><a href=\"#" + r->signature + "\">" + r->signature + "</a></td></tr>\n";
+    s += "<tr class=\"signature\">" + cell("count", std::to_string(r->count)) +
+         cell("devices", std::to_string(r->devices.size())) +
+         cell("builds", std::to_string(r->builds.size())) + cell("first seen", r->first, true) +
+         cell("last seen", r->last, true) + cell("process", escape(r->process)) +
+         cell("thread", escape(r->thread)) + cell("state", escape(r->state)) +
+         cell("top frames", escape(r->frames)) + cell("blocker", escape(r->blocker)) +
+         cell("signature", "<a href=\"#" + r->signature + "\">" + r->signature + "</a>") +
+         "</tr>\n";
   }
   s += "</table>\n";
   for (const Row* r : sorted) {
     s += "<h2 id=\"" + r->signature + "\">" + r->signature + ": " + escape(r->thread) + " of " +
          escape(r->process) +
-         "</h2>\n<table class=\"incidents\"><tr><th>seen</th><th>device"
-         "</th><th>build</th><th>bug report</th><th>what happened</th></tr>\n";
+         "</h2>\n<table class=\"fleet incidents\"><tr><th>seen</th><th>device</th><th>build</th>"
+         "<th>bug report</th><th>what happened</th></tr>\n";
     for (const Hang& h : r->incidents) {
-      s += "<tr><td class=\"t\">" + escape(h.seen) + "</td><td>" + escape(h.device) + "</td><td>" +
-           escape(h.build) + "</td><td><a href=\"" + escape(h.input) + "\">" + escape(h.input) +
-           "</a></td><td><code>" + escape(h.story) + "</code></td></tr>\n";
+      s += "<tr>" + cell("seen", escape(h.seen), true) + cell("device", escape(h.device)) +
+           cell("build", escape(h.build)) +
+           cell("bug report", "<a href=\"" + escape(h.input) + "\">" + escape(h.input) + "</a>") +
+           cell("what happened", "<code>" + escape(h.story) + "</code>") + "</tr>\n";
     }
     s += "</table>\n";
   }

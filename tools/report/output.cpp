@@ -714,6 +714,11 @@ svg.band { display: block; width: 100%; height: 12px; }
   body { padding: 12px 12px 32px; font-size: 14px; } .incident { grid-template-columns: minmax(0, 1fr); }
   .ticks span.odd { display: none; }
 }
+table.fleet { border-collapse: collapse; width: 100%; font-size: 14px; margin: 8px 0 16px; } table.fleet th { text-align: left; color: var(--muted); font-weight: 600; border-bottom: 2px solid var(--line); padding: 4px 8px; }
+table.fleet td { border-bottom: 1px solid var(--line); padding: 4px 8px; vertical-align: top; overflow-wrap: anywhere; } table.fleet td.t { white-space: nowrap; font-variant-numeric: tabular-nums; }
+table.fleet code { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; white-space: pre-wrap; }
+@media (max-width: 700px) { body { padding: 12px 12px 32px; } table.fleet tr:first-child { display: none; } table.fleet tr { display: block; border: 1px solid var(--line); border-radius: 8px; margin: 10px 0; padding: 6px 10px; }
+  table.fleet td { display: block; border: 0; padding: 2px 0; } table.fleet td::before { content: attr(data-h) ": "; color: var(--muted); } }
 )";
 
 }  // namespace
@@ -775,11 +780,14 @@ std::string text_report(const Story& story) {
   return s;
 }
 
+std::string page_head(const std::string& title) {
+  return "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><meta "
+         "name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>" +
+         escape(title) + "</title><style>" + std::string(kStyle) + "</style></head><body>\n";
+}
+
 std::string html_report(const Story& story) {
-  std::string h =
-      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><meta name=\"viewport\" "
-      "content=\"width=device-width, initial-scale=1\"><title>stall_ward report</title><style>" +
-      std::string(kStyle) + "</style></head><body>\n<h1>stall_ward report</h1>\n";
+  std::string h = page_head("stall_ward report") + "<h1>stall_ward report</h1>\n";
   h += "<p class=\"sub\">" + escape(summary(story)) + "</p>\n";
   for (const Run& run : story.runs) {
     h += StringPrintf("<section class=\"run\"><h2>stall_ward (pid %d) <span class=\"when\">",

@@ -289,6 +289,8 @@ constexpr const char* kNoDaemonLine =
     "no line of stall_ward in the input: not its log, or its debug property was off (its lines "
     "carry the tag stall_ward)";
 
+// The head of a page, up to its <body>, with the pages' one stylesheet.
+std::string page_head(const std::string& title);
 std::string text_report(const Story& story);
 std::string html_report(const Story& story);
 std::string json_report(const Story& story);
