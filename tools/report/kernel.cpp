@@ -251,12 +251,6 @@ void KernelReader::add(const Line& line) {
   dump.cut = !dump.tasks.empty() && dump.tasks.back().stack.empty();
 }
 
-std::vector<KernelDump> read_kernel_dumps(const std::vector<Line>& lines) {
-  KernelReader reader;
-  for (const Line& line : lines) reader.add(line);
-  return std::move(reader.dumps);
-}
-
 std::vector<KernelGroup> kernel_groups(const KernelDump& dump) {
   std::map<std::vector<std::string>, size_t> at;
   std::vector<KernelGroup> groups;

@@ -118,7 +118,6 @@ struct KernelReader {
   double last_s = -1;        // the kernel clock of the dump's last task or frame
   int idle = 0;              // lines since then
 };
-std::vector<KernelDump> read_kernel_dumps(const std::vector<Line>& lines);
 
 // Tasks of one dump that wait at the same place: the same innermost frames below the scheduler's.
 struct KernelGroup {
