@@ -1,6 +1,8 @@
 // Start-up, pacing, the monitor list, and the shell runner and splitter.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +21,18 @@ extern "C" int clock_gettime(clockid_t id, timespec* ts) {
   if (id != CLOCK_MONOTONIC_COARSE || coarse_clock.empty()) return real(id, ts);
   *ts = {coarse_clock.front() / 1000, coarse_clock.front() % 1000 * 1000000};
   return coarse_clock.erase(coarse_clock.begin()), 0;
+}
+
+// open, failing for "/proc/" while a test asks it to.
+static bool fail_proc_open = false;
+extern "C" int open(const char* path, int flags, ...) {
+  static auto real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, __func__));
+  if (fail_proc_open && strcmp(path, "/proc/") == 0) return errno = EMFILE, -1;
+  va_list ap;
+  va_start(ap, flags);
+  int mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(ap, int) : 0;
+  va_end(ap);
+  return real(path, flags, mode);
 }
 
 namespace {
@@ -40,6 +54,9 @@ TEST(Startup, ConfiguresFromPropertiesAndPacesTheSweeps) {
       {"persist.vendor.sw.policy=reboot\n", 30000, 120000, POLICY_REBOOT, true},
       {"persist.vendor.sw.policy=panic\n", 30000, 120000, POLICY_PANIC, true},
       {"persist.vendor.sw.policy=Kill\n", 30000, 120000, POLICY_NOTHING, true},
+      // not exact; and an empty list is an unset one: the default
+      {"persist.vendor.sw.policy= kill\npersist.vendor.sw.processes=\n", 30000, 120000,
+       POLICY_NOTHING, true},
   };
   for (const Case& c : cases) {
     reset_daemon(false, 0);
@@ -59,9 +76,17 @@ TEST(Startup, ConfiguresFromPropertiesAndPacesTheSweeps) {
     EXPECT_EQ(alarm(0), c.alarm / 1000) << c.properties;
     EXPECT_TRUE(left <= c.interval - 10000 && left > c.interval - 11000) << left;
   }
-  reset_daemon(false, 0);
-  use_properties("");
-  EXPECT_FALSE(stall_ward_init()) << "disabled unless enabled";
+  // Disabled unless enabled; even so /proc/ is opened first and kept, its failure logged.
+  for (bool proc_opens : {true, false}) {
+    reset_daemon(false, 0);
+    use_properties("");
+    fail_proc_open = !proc_opens;
+    LogCapture log;
+    EXPECT_FALSE(stall_ward_init());
+    fail_proc_open = false;
+    EXPECT_EQ(proc_dir.fd >= 0, proc_opens);
+    EXPECT_EQ(log.messages(), proc_opens ? Lines{} : Lines{"E init failed because of open proc"});
+  }
   // After a sweep: the rest of the interval less how late it started, at least 1 s.
   const std::tuple<int64_t, int64_t, uint64_t> waits[] = {
       {400, 0, 29600}, {29500, 0, 500}, {31000, 0, 1000}, {200, 29500, 1000}, {10001, 19999, 0}};
@@ -126,6 +151,16 @@ TEST(MonitorList, FollowsTheProcessesGrammar) {
   }
 }
 
+TEST(Split, EveryDelimiterEndsATokenAndEmptyPiecesAreDropped) {
+  const std::tuple<std::string, const char*, Lines> cases[] = {
+      {"a  b ", " ", {"a", "b"}},       {"", " ", {}},        {" a", " ", {"a"}},
+      {"a/b:c", "/:", {"a", "b", "c"}}, {"a b", "", {"a b"}}, {"x y\nz w", " ", {"x", "y\nz", "w"}},
+  };
+  for (const auto& [text, delimiters, tokens] : cases) {
+    EXPECT_EQ(string_split(text, delimiters), tokens) << text << " at " << delimiters;
+  }
+}
+
 TEST(Exec, CapturesTheFirstKilobyteWhateverTheExitStatus) {
   const std::pair<const char*, std::string> cases[] = {
       {"printf 'a b\\n'", "a b\n"},
@@ -133,6 +168,14 @@ TEST(Exec, CapturesTheFirstKilobyteWhateverTheExitStatus) {
       {"printf a; head -c 5000 /dev/zero | tr '\\0' y", "a" + std::string(1022, 'y')},
   };
   reset_daemon(true);
+  {
+    char out[kShellOutputSize] = "x";
+    LogCapture log;
+    EXPECT_EQ(exec_command(nullptr, out), -1);
+    EXPECT_EQ(exec_command("true", nullptr), -1);
+    EXPECT_EQ(log.messages(), Lines{});
+    EXPECT_EQ(std::string(out), "x");
+  }
   for (const auto& [command, output] : cases) {
     char out[kShellOutputSize];
     memset(out, 0, sizeof(out));
