@@ -1,4 +1,5 @@
 // Start-up, pacing, the monitor list, and the shell runner and splitter.
+#include <cutils/properties.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -54,6 +55,10 @@ TEST(Startup, ConfiguresFromPropertiesAndPacesTheSweeps) {
       {"persist.vendor.sw.policy=reboot\n", 30000, 120000, POLICY_REBOOT, true},
       {"persist.vendor.sw.policy=panic\n", 30000, 120000, POLICY_PANIC, true},
       {"persist.vendor.sw.policy=Kill\n", 30000, 120000, POLICY_NOTHING, true},
+      // the platform's words and number bases; a value longer than it keeps is unset
+      {"persist.vendor.sw.enable=on\npersist.vendor.sw.timeout=0xc8\npersist.vendor.sw.processes=" +
+           std::string(PROPERTY_VALUE_MAX, 'x') + "\n",
+       50000, 200000, POLICY_NOTHING, true},
       // not exact; and an empty list is an unset one: the default
       {"persist.vendor.sw.policy= kill\npersist.vendor.sw.processes=\n", 30000, 120000,
        POLICY_NOTHING, true},
