@@ -1,10 +1,9 @@
 // Start-up, pacing, the monitor list, and the shell runner and splitter.
 #include <cutils/properties.h>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdarg.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,18 +21,6 @@ extern "C" int clock_gettime(clockid_t id, timespec* ts) {
   if (id != CLOCK_MONOTONIC_COARSE || coarse_clock.empty()) return real(id, ts);
   *ts = {coarse_clock.front() / 1000, coarse_clock.front() % 1000 * 1000000};
   return coarse_clock.erase(coarse_clock.begin()), 0;
-}
-
-// open, failing for "/proc/" while a test asks it to.
-static bool fail_proc_open = false;
-extern "C" int open(const char* path, int flags, ...) {
-  static auto real = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, __func__));
-  if (fail_proc_open && strcmp(path, "/proc/") == 0) return errno = EMFILE, -1;
-  va_list ap;
-  va_start(ap, flags);
-  int mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(ap, int) : 0;
-  va_end(ap);
-  return real(path, flags, mode);
 }
 
 namespace {
@@ -81,14 +68,21 @@ TEST(Startup, ConfiguresFromPropertiesAndPacesTheSweeps) {
     EXPECT_EQ(alarm(0), c.alarm / 1000) << c.properties;
     EXPECT_TRUE(left <= c.interval - 10000 && left > c.interval - 11000) << left;
   }
-  // Disabled unless enabled; even so /proc/ is opened first and kept, its failure logged.
+  // Disabled unless enabled; even so /proc/ is opened first and kept, and its failure (no
+  // descriptor left) logged.
   for (bool proc_opens : {true, false}) {
     reset_daemon(false, 0);
     use_properties("");
-    fail_proc_open = !proc_opens;
+    get_prop_bool(kPropEnable, false);  // the property file read while descriptors are left
     LogCapture log;
+    rlimit saved = {};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit none = saved;
+    none.rlim_cur = static_cast<rlim_t>(dup(0));  // the next descriptor's number: none left
+    close(static_cast<int>(none.rlim_cur));
+    if (!proc_opens) setrlimit(RLIMIT_NOFILE, &none);
     EXPECT_FALSE(stall_ward_init());
-    fail_proc_open = false;
+    setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_EQ(proc_dir.fd >= 0, proc_opens);
     EXPECT_EQ(log.messages(), proc_opens ? Lines{} : Lines{"E init failed because of open proc"});
   }
