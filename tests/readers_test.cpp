@@ -103,8 +103,8 @@ TEST(StallCount, GrowsByTheIntervalOnlyWithoutProgressInAWatchedState) {
   EXPECT_EQ(rec.comm, name);
 }
 
-// A record binds to the thread sampled but takes the pid only from a
-// lookup of that thread; a thread of an app (a child of a zygote) counts while it sleeps.
+// A record binds to the thread sampled but takes the pid only from a lookup of that thread; a
+// thread of an app (a child of a zygote) counts while it sleeps.
 TEST(LiveThread, NamesBindingAndAnAppThreadAsleep) {
   std::string thread = unique("t");
   reset_daemon(true, 30000);
