@@ -46,9 +46,7 @@ TEST(Startup, ConfiguresFromPropertiesAndPacesTheSweeps) {
       {"persist.vendor.sw.enable=on\npersist.vendor.sw.timeout=0xc8\npersist.vendor.sw.processes=" +
            std::string(PROPERTY_VALUE_MAX, 'x') + "\n",
        50000, 200000, POLICY_NOTHING, true},
-      // not exact; and an empty list is an unset one: the default
-      {"persist.vendor.sw.policy= kill\npersist.vendor.sw.processes=\n", 30000, 120000,
-       POLICY_NOTHING, true},
+      {"persist.vendor.sw.processes=\n", 30000, 120000, POLICY_NOTHING, true},  // the default
   };
   for (const Case& c : cases) {
     reset_daemon(false, 0);
