@@ -23,6 +23,6 @@ install_missing() {
 
 install_missing cmake g++ make libgtest-dev android-liblog-dev android-libbase-dev \
   android-libcutils-dev faketime procps util-linux toybox libzip-dev nlohmann-json3-dev \
-  libjsoncpp-dev chromium python3 sqlite3
+  libjsoncpp-dev chromium python3 sqlite3 ccache
 cmake -S . -B build -DBUILD_TESTING=ON >/dev/null
 cmake --build build -j"$(nproc)"

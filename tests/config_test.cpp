@@ -1,7 +1,9 @@
 // Start-up, pacing, the monitor list, and the shell runner and splitter.
+#include <cutils/properties.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +42,11 @@ TEST(Startup, ConfiguresFromPropertiesAndPacesTheSweeps) {
       {"persist.vendor.sw.policy=reboot\n", 30000, 120000, POLICY_REBOOT, true},
       {"persist.vendor.sw.policy=panic\n", 30000, 120000, POLICY_PANIC, true},
       {"persist.vendor.sw.policy=Kill\n", 30000, 120000, POLICY_NOTHING, true},
+      // the platform's words and number bases; a value longer than it keeps is unset
+      {"persist.vendor.sw.enable=on\npersist.vendor.sw.timeout=0xc8\npersist.vendor.sw.processes=" +
+           std::string(PROPERTY_VALUE_MAX, 'x') + "\n",
+       50000, 200000, POLICY_NOTHING, true},
+      {"persist.vendor.sw.processes=\n", 30000, 120000, POLICY_NOTHING, true},  // the default
   };
   for (const Case& c : cases) {
     reset_daemon(false, 0);
@@ -59,9 +66,24 @@ TEST(Startup, ConfiguresFromPropertiesAndPacesTheSweeps) {
     EXPECT_EQ(alarm(0), c.alarm / 1000) << c.properties;
     EXPECT_TRUE(left <= c.interval - 10000 && left > c.interval - 11000) << left;
   }
-  reset_daemon(false, 0);
-  use_properties("");
-  EXPECT_FALSE(stall_ward_init()) << "disabled unless enabled";
+  // Disabled unless enabled; even so /proc/ is opened first and kept, and its failure (no
+  // descriptor left) logged.
+  for (bool proc_opens : {true, false}) {
+    reset_daemon(false, 0);
+    use_properties("");
+    get_prop_bool(kPropEnable, false);  // the property file read while descriptors are left
+    LogCapture log;
+    rlimit saved = {};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit none = saved;
+    none.rlim_cur = static_cast<rlim_t>(dup(0));  // the next descriptor's number: none left
+    close(static_cast<int>(none.rlim_cur));
+    if (!proc_opens) setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(stall_ward_init());
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(proc_dir.fd >= 0, proc_opens);
+    EXPECT_EQ(log.messages(), proc_opens ? Lines{} : Lines{"E init failed because of open proc"});
+  }
   // After a sweep: the rest of the interval less how late it started, at least 1 s.
   const std::tuple<int64_t, int64_t, uint64_t> waits[] = {
       {400, 0, 29600}, {29500, 0, 500}, {31000, 0, 1000}, {200, 29500, 1000}, {10001, 19999, 0}};
@@ -126,6 +148,16 @@ TEST(MonitorList, FollowsTheProcessesGrammar) {
   }
 }
 
+TEST(Split, EveryDelimiterEndsATokenAndEmptyPiecesAreDropped) {
+  const std::tuple<std::string, const char*, Lines> cases[] = {
+      {"a  b ", " ", {"a", "b"}},       {"", " ", {}},        {" a", " ", {"a"}},
+      {"a/b:c", "/:", {"a", "b", "c"}}, {"a b", "", {"a b"}}, {"x y\nz w", " ", {"x", "y\nz", "w"}},
+  };
+  for (const auto& [text, delimiters, tokens] : cases) {
+    EXPECT_EQ(string_split(text, delimiters), tokens) << text << " at " << delimiters;
+  }
+}
+
 TEST(Exec, CapturesTheFirstKilobyteWhateverTheExitStatus) {
   const std::pair<const char*, std::string> cases[] = {
       {"printf 'a b\\n'", "a b\n"},
@@ -133,6 +165,14 @@ TEST(Exec, CapturesTheFirstKilobyteWhateverTheExitStatus) {
       {"printf a; head -c 5000 /dev/zero | tr '\\0' y", "a" + std::string(1022, 'y')},
   };
   reset_daemon(true);
+  {
+    char out[kShellOutputSize] = "x";
+    LogCapture log;
+    EXPECT_EQ(exec_command(nullptr, out), -1);
+    EXPECT_EQ(exec_command("true", nullptr), -1);
+    EXPECT_EQ(log.messages(), Lines{});
+    EXPECT_EQ(std::string(out), "x");
+  }
   for (const auto& [command, output] : cases) {
     char out[kShellOutputSize];
     memset(out, 0, sizeof(out));
