@@ -1,4 +1,5 @@
 // A stand-in for a monitored process, for the demo and the tests (kUsage says what it does).
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -39,6 +40,10 @@ the order of the --thread options.
   --life MS            end the whole process after MS milliseconds
   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
                        taken on a thread of their own, as an app runtime's signal catcher does
+  --dumps DIR          answer SIGQUIT as Android 11's runtime does, with a Java stack dump of
+                       the threads stamped when it arrived, written to DIR/trace_NN (as the
+                       platform keeps them in /data/anr), and signal 35 as its crash handler does,
+                       with a tombstone stamped when it arrived, DIR/tombstone_NN
   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
                        before --spawn are the parent's
@@ -136,6 +141,88 @@ void* run_thread(void* arg) {
 }
 
 const char* signal_file = nullptr;
+const char* dumps_dir = nullptr;
+
+// The first DIR/PREFIXNN that does not exist yet, 00 to 99.
+std::string next_file(const char* prefix) {
+  for (int n = 0; n < 99; ++n) {
+    char path[512];
+    snprintf(path, sizeof(path), "%s/%s%02d", dumps_dir, prefix, n);
+    if (access(path, F_OK) != 0) return path;
+  }
+  return std::string(dumps_dir) + "/" + prefix + "99";
+}
+
+// The process's threads: id and name, in /proc's order.
+std::vector<std::pair<pid_t, std::string>> threads_now() {
+  std::vector<std::pair<pid_t, std::string>> all;
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return all;
+  while (dirent* e = readdir(dir)) {
+    if (e->d_name[0] == '.') continue;
+    char path[300], name[32] = {};
+    snprintf(path, sizeof(path), "/proc/self/task/%s/comm", e->d_name);
+    FILE* f = fopen(path, "r");
+    if (f == nullptr) continue;
+    if (fgets(name, sizeof(name), f) != nullptr) name[strcspn(name, "\n")] = '\0';
+    fclose(f);
+    all.emplace_back(static_cast<pid_t>(atoi(e->d_name)), name);
+  }
+  closedir(dir);
+  return all;
+}
+
+// A Java stack dump in Android 11's layout (the runtime's answer to SIGQUIT), stamped `when`.
+void write_java_dump(const char* when) {
+  FILE* f = fopen(next_file("trace_").c_str(), "w");
+  if (f == nullptr) return;
+  std::vector<std::pair<pid_t, std::string>> threads = threads_now();
+  fprintf(f, "\n----- pid %d at %s -----\nCmd line: %s\n", getpid(), when, program_invocation_name);
+  fprintf(f,
+          "Build fingerprint: 'stall_ward/stand_in/host:11/RP1A/1:userdebug/test-keys'\n"
+          "ABI: 'x86_64'\nBuild type: optimized\n\nDALVIK THREADS (%zu):\n",
+          threads.size());
+  int id = 0;
+  for (const auto& [tid, name] : threads) {
+    fprintf(f,
+            "\"%s\" prio=5 tid=%d Native\n  | group=\"main\" sCount=1 dsCount=0 flags=1\n"
+            "  | sysTid=%d nice=0 cgrp=default sched=0/0\n  | state=%c schedstat=( 0 0 0 ) "
+            "utm=0 stm=0 core=0 HZ=100\n  native: #00 pc 0000000000000000  "
+            "/apex/com.android.runtime/lib64/bionic/libc.so (syscall+28)\n"
+            "  at java.lang.Object.wait(Native method)\n\n",
+            name.c_str(), ++id, tid, task_state(tid));
+  }
+  fprintf(f, "----- end %d -----\n", getpid());
+  fclose(f);
+}
+
+// A tombstone in Android 11's layout (the crash handler's answer to signal 35), stamped `when`.
+void write_tombstone(const char* when) {
+  FILE* f = fopen(next_file("tombstone_").c_str(), "w");
+  if (f == nullptr) return;
+  fprintf(f,
+          "*** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n"
+          "Build fingerprint: 'stall_ward/stand_in/host:11/RP1A/1:userdebug/test-keys'\n"
+          "Revision: '0'\nABI: 'x86_64'\nTimestamp: %s+0000\n",
+          when);
+  for (const auto& [tid, name] : threads_now()) {
+    if (tid == getpid()) {
+      fprintf(f,
+              "pid: %d, tid: %d, name: %s  >>> %s <<<\nuid: 0\nsignal 35 (<debuggerd signal>), "
+              "code 0 (SI_USER), fault addr --------\n",
+              getpid(), tid, name.c_str(), program_invocation_name);
+    } else {
+      fprintf(f,
+              "--- --- --- --- --- --- --- --- --- --- --- --- --- --- --- ---\n"
+              "pid: %d, tid: %d, name: %s  >>> %s <<<\nuid: 0\n",
+              getpid(), tid, name.c_str(), program_invocation_name);
+    }
+    fprintf(f,
+            "\nbacktrace:\n      #00 pc 0000000000000000  "
+            "/apex/com.android.runtime/lib64/bionic/libc.so (syscall+28)\n\n");
+  }
+  fclose(f);
+}
 
 void* catch_signals(void*) {
   set_name("Signal Catcher");
@@ -146,6 +233,13 @@ void* catch_signals(void*) {
   for (;;) {
     int sig = sigwaitinfo(&set, nullptr);
     if (sig < 0) continue;
+    time_t now = time(nullptr);  // stamped when the signal arrived, in local time
+    tm local = {};
+    localtime_r(&now, &local);
+    char when[32];
+    strftime(when, sizeof(when), "%Y-%m-%d %H:%M:%S", &local);
+    if (dumps_dir != nullptr) (sig == SIGQUIT ? write_java_dump : write_tombstone)(when);
+    if (signal_file == nullptr) continue;
     int fd = open(signal_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) continue;
     dprintf(fd, "sig=%d\n", sig);
@@ -172,7 +266,6 @@ void* catch_signals(void*) {
   }
 }
 
-
 // What the command line asks of the process.
 struct Plan {
   std::vector<ThreadPlan>* threads = nullptr;
@@ -190,6 +283,7 @@ std::optional<int> parse_options(int argc, char** argv, Plan* plan) {
                             {"main-name", required_argument, nullptr, 'n'},
                             {"life", required_argument, nullptr, 'l'},
                             {"signals", required_argument, nullptr, 's'},
+                            {"dumps", required_argument, nullptr, 'd'},
                             {"spawn", no_argument, nullptr, 'c'},
                             {"help", no_argument, nullptr, 'h'},
                             {"version", no_argument, nullptr, cli::kVersionOption},
@@ -213,6 +307,8 @@ std::optional<int> parse_options(int argc, char** argv, Plan* plan) {
       plan->life_ms = atoi(optarg);
     } else if (c == 's') {
       signal_file = optarg;
+    } else if (c == 'd') {
+      dumps_dir = optarg;
     } else if (c == 'c' && optind < argc) {
       plan->spawn_argv = argv + optind;
     } else if (c == 'c') {
@@ -245,7 +341,7 @@ int main(int argc, char** argv) {
   set_name(plan.main_name);
   setvbuf(stdout, nullptr, _IONBF, 0);
 
-  if (signal_file != nullptr) {
+  if (signal_file != nullptr || dumps_dir != nullptr) {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGQUIT);
@@ -280,7 +376,8 @@ int main(int argc, char** argv) {
       sleep_ms(static_cast<long>(reinterpret_cast<intptr_t>(ms)));
       _exit(0);
     };
-    pthread_create(&ender, nullptr, end, reinterpret_cast<void*>(static_cast<intptr_t>(plan.life_ms)));
+    pthread_create(&ender, nullptr, end,
+                   reinterpret_cast<void*>(static_cast<intptr_t>(plan.life_ms)));
   }
   if (plan.main_state == 'Z') pthread_exit(nullptr);
   for (;;) pause();
