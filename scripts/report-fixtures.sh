@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Remakes tests/report/logs/: the logs the real daemon writes in the end-to-end cases, which the
+# Remakes tests/report/logs/: the logs the real daemon writes in the end-to-end cases, and the dumps
+# the stand-ins write when its signals arrive (<test>.trace_00, <test>.tombstone_00), which the
 # report tool's tests read. Never edit those files by hand; rerun this.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh" >/dev/null

@@ -17,7 +17,6 @@
 
 #include "helpers.h"
 #include "report/fleet.h"
-#include "stall_ward.h"
 
 using nlohmann::json;
 
@@ -41,17 +40,6 @@ std::string clock_of(const std::string& log, const std::string& message) {
 std::string kernel(const std::string& name, int tid) {
   return android::base::StringReplace(read_file(REPORT_FIXTURES "/kernel/" + name), "@TID",
                                       std::to_string(tid), true);
-}
-
-// "YYYY-MM-DD hh:mm:ss" that many seconds earlier.
-std::string seconds_before(const std::string& when, int seconds) {
-  tm t = {};
-  strptime(when.c_str(), "%Y-%m-%d %H:%M:%S", &t);
-  time_t at = timegm(&t) - seconds;
-  gmtime_r(&at, &t);
-  char text[32];
-  strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &t);
-  return text;
 }
 
 // A fixture with its @NAMEs filled in.
@@ -319,7 +307,7 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
   std::string log = read_file(daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill"));
   int tid = story(
       {daemon_log("ABlockedThreadGetsKernelDumpsThenTheKill")})["runs"][0]["incidents"][0]["tid"];
-  // Wall clocks moved to the second the daemon asked in (a vendor's stamp; dmesg -T's).
+  // Wall clocks moved to the second the daemon asked in (logcat's, a vendor's stamp, dmesg -T's).
   std::string asked = clock_of(log, "dumped").substr(0, 14);
   tm t = {};
   strptime(("2026-" + asked).c_str(), "%Y-%m-%d %H:%M:%S", &t);
@@ -331,6 +319,7 @@ TEST(Report, AttachesTheWatchedThreadsStackFromTheKernelLogsOfEachVendor) {
     std::string dmesg = kernel(file, tid), id = std::to_string(tid);  // in the task's line
     if (*pid != '\0') dmesg = android::base::StringReplace(dmesg, "05-03 18:11:50", asked, true);
     dmesg = android::base::StringReplace(dmesg, "Tue Apr  8 12:19:07 2025", dmesg_t, true);
+    dmesg = android::base::StringReplace(dmesg, "11-22 08:08:17", asked, true);
     dmesg = android::base::StringReplace(dmesg, " " + std::string(pid) + " ", " " + id + " ", true);
     dmesg = android::base::StringReplace(dmesg, "pid:" + std::string(pid) + " ", "pid:" + id + " ",
                                          true);
@@ -367,24 +356,31 @@ TEST(Report, TellsTheStacksOfAnAsleepThreadAndOfAPanicFromTheNextBoot) {
   const std::string log = daemon_log(name), panic_log = daemon_log(name + "-2");
   json in = story({log})["runs"][0]["incidents"][0];
   int panic_tid = story({panic_log})["runs"][0]["incidents"][0]["tid"];
-  std::string at = in["actions"][0]["time"]["clock"], pid = in["pid"].dump();
+  std::string pid = in["pid"].dump();
+  // The stand-in's own answers, each stamped when its signal arrived on the daemon's clock, are
+  // taken as they are: the Java dump seconds before the "dumped" line.
+  std::string trace = log.substr(0, log.size() - 4) + ".trace_00",
+              stamped = log.substr(0, log.size() - 4) + ".tombstone_00";
+  json real = story({log, trace, stamped})["runs"][0]["incidents"][0];
+  EXPECT_EQ(real["java_stack"]["thread"], "watchdog") << real.dump();
+  EXPECT_EQ(real["native_stack"]["thread"], "watchdog") << real.dump();
+  std::string java_at = read_file(trace).substr(read_file(trace).find(" at ") + 4, 19);
+  std::string native_at =
+      read_file(stamped).substr(read_file(stamped).find("Timestamp: ") + 11, 19);
   std::string text = android::base::StringReplace(
       bugreport(read_file(log), ""), "------ CPU INFO",
       "------ LAST LOGCAT (logcat -L -d) ------\n" + read_file(panic_log) + "------ CPU INFO",
       false);
-  const std::map<std::string, std::string> values = {
-      // stamped when SIGQUIT arrived: the daemon's pause before the "dumped" line, and as much as
-      // a second more, as the runtime cuts its stamp to the second
+  std::map<std::string, std::string> values = {
+      // the hand-written dumps (a deadlock behind the monitor) stamped as the stand-in's were
       {"@PID", pid},
       {"@TID", in["tid"].dump()},
       {"@UI", "2012"},
       {"@DISPLAY", "2015"},
-      {"@DATE", seconds_before("2026-" + at.substr(0, 5) + " " + at.substr(6, 8),
-                               kDumpPauseUs / 1000000 + 1)}};
-  std::map<std::string, std::string> at_signal_35 = values;  // the "dumped" line's second
-  at_signal_35["@DATE"] = "2026-" + at.substr(0, 5) + " " + at.substr(6, 8);
-  std::string java = filled("java/handwritten-system_server-deadlock.txt", values),
-              tombstone = filled("native/handwritten-system_server-signal35.txt", at_signal_35);
+      {"@DATE", java_at}};
+  std::string java = filled("java/handwritten-system_server-deadlock.txt", values);
+  values["@DATE"] = native_at;
+  std::string tombstone = filled("native/handwritten-system_server-signal35.txt", values);
   std::string dmesg = kernel("handwritten-dmesg-5.4.txt", panic_tid) +
                       kernel("handwritten-dmesg-5.4.txt", panic_tid);
   TempDir dir;

@@ -51,6 +51,12 @@ std::string sh_quote(const std::string& s) {
 // argv[0], waits until all are in place, then runs the daemon and stays to reap.
 const char kInit[] = R"sh(
 [ "$$" = 1 ] && [ "$(readlink /proc/self/ns/pid)" != "$OUTER_NS" ] || exit 99
+# A stand-in that writes dumps stamps them on the daemon's clock: both run under one libfaketime
+# clock, shared by their common parent.
+if [ -n "$SHARED_CLOCK" ] && [ -z "$FAKETIME_SHARED" ]; then
+  rm -f /dev/shm/faketime_shm_$$ /dev/shm/sem.faketime_sem_$$  # a clock an earlier run left
+  exec env LD_PRELOAD="$SHARED_CLOCK" 'FAKETIME=+0 x20' FAKETIME_DONT_RESET=1 /bin/bash -c "$BASH_EXECUTION_STRING"
+fi
 start() {
   k=$1; shift
   { (exec -a "$1" "$STAND_IN" "${@:2}" >"$DIR/$k.out"); echo $? >"$DIR/$k.exit"; } &
@@ -65,10 +71,14 @@ DaemonRun::DaemonRun(const std::string& properties, const std::vector<Lines>& st
     : trigger(dir.path("trigger")) {
   write_file(dir.path("props"), properties);
   std::string script = kInit;
+  bool shared_clock = false;
   for (size_t k = 0; k < stand_ins.size(); ++k) {
     script += "start " + std::to_string(k);
     for (const std::string& arg : stand_ins[k]) {
-      script += " " + sh_quote(arg == "@sig" ? dir.path(std::to_string(k) + ".sig") : arg);
+      shared_clock = shared_clock || arg == "@dumps";
+      script += " " + sh_quote(arg == "@sig"     ? dir.path(std::to_string(k) + ".sig")
+                               : arg == "@dumps" ? dir.path("dumps")
+                                                 : arg);
     }
     script += "\n";
   }
@@ -79,7 +89,9 @@ DaemonRun::DaemonRun(const std::string& properties, const std::vector<Lines>& st
   script += " " STALL_WARD_PATH " 2>\"$DIR/log\" &\necho $! >\"$DIR/daemon\"\nwait\n";
   std::string vars =
       "OUTER_NS=" + sh_quote(std::filesystem::read_symlink("/proc/self/ns/pid").string()) +
-      " DIR=" + sh_quote(dir.dir) + " STAND_IN=" + sh_quote(stand_in_path()) + "\n";
+      " DIR=" + sh_quote(dir.dir) + " STAND_IN=" + sh_quote(stand_in_path()) +
+      (shared_clock ? " SHARED_CLOCK=" FAKETIME_LIB : "") + "\n";
+  std::filesystem::create_directory(dir.path("dumps"));
   ns.emplace(spawn("/usr/bin/unshare",
                    {"unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "/bin/bash", "-c",
                     vars + script},
@@ -102,6 +114,11 @@ DaemonRun::~DaemonRun() {
   for (int n = 2; std::filesystem::exists(path); ++n)
     path = base + "-" + std::to_string(n) + ".log";
   write_file(path, read_file(dir.path("log")));
+  for (const auto& dump : std::filesystem::directory_iterator(dir.path("dumps"))) {
+    std::string name =
+        dump.path().filename().string();  // trace_00 beside <test>.log: <test>.trace_00
+    std::filesystem::copy_file(dump.path(), path.substr(0, path.size() - 4) + "." + name);
+  }
 }
 
 namespace {
@@ -256,14 +273,18 @@ TEST(Scenario, RebootEndsTheInitOfThePidNamespace) {
 }
 
 // The report's fixtures of an asleep app thread (SIGQUIT and signal 35, then the policy "none")
-// and of a panic: the daemon's logs of each, end to end.
+// and of a panic: the daemon's logs of each, end to end, and the Java dump and tombstone the
+// stand-in wrote on the daemon's clock when each signal arrived.
 TEST(Scenario, AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic) {
   for (const std::string state : {"S", "D"}) {
     DaemonRun run(props("system_server:watchdog", state == "S" ? "none" : "panic"),
                   {{"zygote64", "--spawn", "/system/bin/system_server", "--thread",
-                    "watchdog:" + state, "--signals", "@sig"}});
+                    "watchdog:" + state, "--signals", "@sig", "--dumps", "@dumps"}});
     std::string policy = state == "S" ? "I nothing to do accroding to policy" : "I trigger crash";
     EXPECT_TRUE(eventually([&] { return count_prefix(run.messages(), policy) > 0; }, kWait));
+    if (state == "D") continue;
+    for (const char* dump : {"trace_00", "tombstone_00"})
+      EXPECT_TRUE(std::filesystem::exists(run.dir.path(std::string("dumps/") + dump))) << dump;
   }
 }
 
