@@ -6,12 +6,14 @@
 //   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
 //                        child that never exits (uninterruptible), P runs now and then (progress),
 //                        W works for three seconds and then wedges as in D, N keeps renaming
-//                        itself between NAME and "renamed"
+//                        itself between NAME and "renamed", B makes a binder call to the context
+//                        manager of /dev/binder that is never answered (see stand_in_binder.h)
 //   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
 //   --main-name NAME     the main thread's name (default: the base name of argv[0])
 //   --life MS            end the whole process after MS milliseconds
 //   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
 //                        taken on a thread of their own, as an app runtime's signal catcher does
+//   --serve SPEC         serve binder calls as stand_in_binder.h says (DEVICE,WHAT)
 //   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
 //                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
 //                        before --spawn are the parent's
@@ -30,6 +32,8 @@
 
 #include <string>
 #include <vector>
+
+#include "stand_in_binder.h"
 
 namespace {
 
@@ -78,7 +82,7 @@ void* run_thread(void* arg) {
   ThreadPlan* plan = static_cast<ThreadPlan*>(arg);
   set_name(plan->name);
   __atomic_store_n(&plan->tid, gettid_(), __ATOMIC_SEQ_CST);
-  if (plan->state != 'D') __atomic_store_n(&plan->ready, 1, __ATOMIC_SEQ_CST);
+  if (plan->state != 'D' && plan->state != 'B') __atomic_store_n(&plan->ready, 1, __ATOMIC_SEQ_CST);
   switch (plan->state) {
     case 'R':
       for (volatile unsigned long i = 0;; ++i) {
@@ -102,6 +106,8 @@ void* run_thread(void* arg) {
         for (;;) pause();
       }
       break;
+    case 'B':
+      stand_in::binder_call("/dev/binder", &plan->ready);
     case 'N':
       for (bool own = false;; own = !own) {
         set_name(own ? plan->name : "renamed");
@@ -168,12 +174,14 @@ int main(int argc, char** argv) {
   std::string main_name = base.substr(base.rfind('/') + 1);
   set_name(main_name);
   char** spawn_argv = nullptr;
+  bool serving = false;
   const option options[] = {{"thread", required_argument, nullptr, 't'},
                             {"main", required_argument, nullptr, 'm'},
                             {"main-name", required_argument, nullptr, 'n'},
                             {"life", required_argument, nullptr, 'l'},
                             {"signals", required_argument, nullptr, 's'},
                             {"spawn", no_argument, nullptr, 'c'},
+                            {"serve", required_argument, nullptr, 'b'},
                             {nullptr, 0, nullptr, 0}};
   // "+": options end at --spawn, whose arguments are the child's whole command line.
   for (int c;
@@ -191,6 +199,9 @@ int main(int argc, char** argv) {
       life_ms = atoi(optarg);
     } else if (c == 's') {
       signal_file = optarg;
+    } else if (c == 'b') {
+      serving = true;
+      if (!stand_in::binder_serve_setup(value)) die("--serve");
     } else if (c == 'c' && optind < argc) {
       spawn_argv = argv + optind;
     } else {
@@ -216,7 +227,7 @@ int main(int argc, char** argv) {
   }
   // Wait until each thread is in its state, so that the test samples what it asked for.
   for (ThreadPlan& plan : threads) {
-    char want = plan.state == 'P' || plan.state == 'W' || plan.state == 'N' ? '\0' : plan.state;
+    char want = plan.state == 'B' ? 'S' : plan.state == 'P' || plan.state == 'W' || plan.state == 'N' ? '\0' : plan.state;
     for (int tries = 0;; ++tries) {
       pid_t tid = __atomic_load_n(&plan.tid, __ATOMIC_SEQ_CST);
       bool ready = __atomic_load_n(&plan.ready, __ATOMIC_SEQ_CST) != 0;
@@ -238,5 +249,6 @@ int main(int argc, char** argv) {
     pthread_create(&ender, nullptr, end, reinterpret_cast<void*>(static_cast<intptr_t>(life_ms)));
   }
   if (main_state == 'Z') pthread_exit(nullptr);
+  if (serving) stand_in::binder_serve();
   for (;;) pause();
 }
