@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -89,5 +90,56 @@ struct WatchdogLine {
 // Reads the message of a Watchdog line ("Blocked in handler on main thread (main) for 61s", "***
 // WATCHDOG KILLING SYSTEM PROCESS: Blocked in ...", "*** GOODBYE!") or a "Subject: Blocked in ...".
 bool parse_watchdog(const std::string& message, WatchdogLine* out);
+
+// A platform watchdog's line as the log gave it: its verdict, the process that wrote it, when.
+struct WatchdogSeen {
+  WatchdogLine line;
+  int pid = 0;
+  int64_t ms = -1;
+  std::string clock;
+};
+
+// Everything the bug report says about other processes, gathered from its sections (a Line of
+// kind kSection, whose tag names the section) and the platform watchdog's log lines.
+struct Across {
+  BinderReader binder;
+  PsReader ps;
+  std::vector<Pressure> pressure;
+  std::vector<WatchdogSeen> watchdog;
+  bool binder_read = false, ps_read = false;
+  void add_section_line(const std::string& section, const std::string& text);
+  void finish() { binder.finish(); }
+};
+
+struct KernelTask;
+struct Story;
+struct Incident;
+
+// One step from the watched thread towards the thread at fault: who it is, how it waits, on what
+// evidence, since when.
+struct Hop {
+  std::string process, thread;  // empty when no input names them
+  int pid = 0, tid = 0;
+  // "binder call", "monitor", "kernel lock", "kernel", "lock", "runs", "nothing known", "gone",
+  // "no thread yet" (a call no thread of the process has taken)
+  std::string waits;
+  std::string where;     // the frame it waits in, or the kernel's wait channel
+  std::string evidence;  // the input that shows it
+  int64_t age_ms = -1;   // the call's age where the kernel printed it
+};
+struct Chain {
+  std::vector<Hop> hops;
+  bool cycle = false;    // the last hop waits on one before it: a deadlock across processes
+  std::string missing;   // the input that would take the chain further, when it stops short
+};
+// Follows the incident's thread through binder calls, kernel locks and the process list to the
+// culprit or a cycle; empty when the inputs hold no binder state or process list.
+Chain follow_chain(const Story& story, const Incident& in);
+// The chain and the conditions around it in plain words, one sentence each: the cause, the
+// pressure, the platform watchdog's verdict.
+std::vector<std::string> chain_account(const Story& story, const Incident& in, const Chain& chain);
+// The chain on the page (empty when there is none) and in --json (the incident's "chain").
+std::string chain_html(const Story& story, const Incident& in);
+void add_chain_json(const Story& story, const Incident& in, nlohmann::json* incident);
 
 }  // namespace report

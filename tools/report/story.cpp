@@ -472,8 +472,17 @@ void stack_line(Builder* b, const Line& line) {
 }
 
 void add_line(Builder* b, const Line& line) {
+  WatchdogSeen seen;
   if (line.from == Line::kStackDump) {
     stack_line(b, line);
+  } else if (line.from == Line::kSection) {
+    b->story.across.add_section_line(line.tag, line.text);
+  } else if (line.kind == Line::kLogcat && line.tag == "Watchdog" &&
+             parse_watchdog(line.text, &seen.line)) {
+    seen.pid = line.pid;
+    seen.ms = line.ms;
+    seen.clock = line.clock;
+    b->story.across.watchdog.push_back(seen);
   } else if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
     if (repeated(b, line)) return;
     ++b->story.input.daemon;
@@ -608,6 +617,7 @@ Story build_story(const std::vector<std::string>& paths) {
   }
   attach_dumps(&b.story, b.asked);
   attach_stacks(&b.story);
+  b.story.across.finish();
   return std::move(b.story);
 }
 

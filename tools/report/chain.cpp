@@ -1,0 +1,227 @@
+// From the watched thread to the thread at fault across processes: its binder call, the callee
+// thread, that thread's own call or kernel stack, a kernel lock's owner, and on, until a thread
+// that runs, waits in the kernel, waits on nothing known, is gone, or waits on one before it.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <set>
+
+#include "report/across.h"
+#include "report/report.h"
+
+namespace report {
+namespace {
+
+// The thread's task in this boot's last kernel dump that lists it with a stack.
+const KernelTask* kernel_task(const Story& story, int tid) {
+  const KernelTask* found = nullptr;
+  for (const KernelDump& dump : story.dumps) {
+    for (const KernelTask& task : dump.tasks) {
+      if (!dump.last_boot && task.pid == tid && !task.stack.empty()) found = &task;
+    }
+  }
+  return found;
+}
+
+std::string wait_frame(const KernelTask& task) {
+  for (const std::string& frame : task.stack) {
+    if (!scheduler_frame(frame)) return frame;
+  }
+  return task.stack.empty() ? "" : task.stack[0];
+}
+
+std::string call_evidence(const BinderCall& call) {
+  return "binder state: " + call.kind + " transaction " + std::to_string(call.id) + " from " +
+         std::to_string(call.from_pid) + ":" + std::to_string(call.from_tid) + " to " +
+         std::to_string(call.to_pid) + ":" + std::to_string(call.to_tid) +
+         (call.context.empty() ? "" : " (" + call.context + ")");
+}
+
+// How a thread no binder call and no kernel dump explains waits, by the process list.
+void by_process_list(const PsThread& task, Hop* hop) {
+  hop->where = task.wchan;
+  hop->evidence = std::string("process list: state ") + task.state + ", wait channel " + task.wchan;
+  if (task.state == 'R') {
+    hop->waits = "runs";
+  } else if (task.state == 'D') {
+    hop->waits = "kernel";
+  } else if (task.wchan.find("futex") != std::string::npos) {
+    hop->waits = "lock";
+  } else {
+    hop->waits = "nothing known";
+  }
+}
+
+// Fills in how the hop's thread waits; the next thread to follow, 0 when the chain ends here.
+int step(const Story& story, Hop* hop, Chain* chain) {
+  const Across& across = story.across;
+  if (const BinderCall* call = across.binder.state.outgoing_of(hop->tid)) {
+    hop->waits = "binder call";
+    hop->evidence = call_evidence(*call);
+    hop->age_ms = call->elapsed_ms;
+    if (call->to_tid != 0) return call->to_tid;
+    Hop callee;
+    callee.pid = call->to_pid;
+    callee.process = across.ps.list.process_name(call->to_pid);
+    callee.waits = "no thread yet";
+    callee.evidence = "no thread of the process has taken the call";
+    chain->hops.push_back(*hop);
+    *hop = callee;
+    return 0;
+  }
+  if (const KernelTask* task = kernel_task(story, hop->tid)) {
+    hop->where = wait_frame(*task);
+    hop->evidence = std::string("kernel dump: task ") + task->comm + " in " + task->state;
+    hop->waits = task->state == 'D' ? "kernel" : task->state == 'R' ? "runs" : "nothing known";
+    size_t colon = task->owner.rfind(':');
+    if (colon == std::string::npos) return 0;
+    hop->waits = "kernel lock";
+    return atoi(task->owner.c_str() + colon + 1);
+  }
+  if (const PsThread* task = across.ps.list.task(hop->tid)) {
+    by_process_list(*task, hop);
+  } else {
+    hop->waits = "gone";
+    hop->evidence = "no input lists the thread";
+  }
+  return 0;
+}
+
+}  // namespace
+
+Chain follow_chain(const Story& story, const Incident& in) {
+  Chain chain;
+  const Across& across = story.across;
+  if (!across.binder_read || in.tid <= 0) return chain;
+  std::set<int> tids, pids;
+  for (int tid = in.tid; tid > 0 && chain.hops.size() < 32;) {
+    Hop hop;
+    hop.tid = tid;
+    if (const PsThread* task = across.ps.list.task(tid)) {
+      hop.pid = task->pid;
+      hop.thread = task->name;
+    }
+    if (chain.hops.empty()) {
+      hop.pid = in.pid;
+      hop.thread = in.record;
+    }
+    hop.process = chain.hops.empty() ? in.process : across.ps.list.process_name(hop.pid);
+    if (!tids.insert(tid).second) {
+      hop.waits = "cycle";
+      chain.cycle = true;
+      chain.hops.push_back(hop);
+      break;
+    }
+    tid = step(story, &hop, &chain);
+    chain.cycle = chain.cycle || (hop.waits == "lock" && pids.count(hop.pid) != 0);
+    pids.insert(hop.pid);
+    chain.hops.push_back(hop);
+  }
+  if (chain.hops.size() < 2) return Chain();  // no call out of the process: nothing to follow
+  const Hop& last = chain.hops.back();
+  if (!across.ps_read) {
+    chain.missing = "the process list (a bug report's PROCESSES AND THREADS, ps -A -T) would name "
+                    "the processes and threads";
+  } else if (last.waits == "lock" || last.waits == "nothing known") {
+    chain.missing = "a Java or native dump of " + (last.process.empty() ? "pid" : last.process) +
+                    " (pid " + std::to_string(last.pid) + ") would show where thread " +
+                    std::to_string(last.tid) + " waits";
+  } else if (last.waits == "kernel" && last.evidence.compare(0, 7, "process") == 0) {
+    chain.missing = "SysRq w in the kernel log would show its kernel stack";
+  }
+  return chain;
+}
+
+namespace {
+
+std::string who(const Hop& hop) {
+  std::string name = hop.process.empty() ? "pid " + std::to_string(hop.pid) : hop.process;
+  if (hop.tid == 0) return name + " (pid " + std::to_string(hop.pid) + ")";
+  return name + " (pid " + std::to_string(hop.pid) + ", thread " +
+         (hop.thread.empty() ? "" : hop.thread + " ") + std::to_string(hop.tid) + ")";
+}
+
+// What the hop's thread does, after "which".
+std::string how(const Hop& hop) {
+  std::string at = hop.where.empty() ? "" : " in `" + hop.where + "`";
+  if (hop.waits == "kernel") return "waits in the kernel" + at;
+  if (hop.waits == "kernel lock") return "waits in the kernel" + at + " for a lock";
+  if (hop.waits == "lock") return "waits on a lock (a futex)";
+  if (hop.waits == "runs") return "runs";
+  if (hop.waits == "gone") return "is gone: no input lists it";
+  if (hop.waits == "no thread yet") return "has no thread that took the call";
+  return "sleeps" + at + ", waiting on nothing known";
+}
+
+std::string seconds(int64_t ms) {
+  return ms < 0 ? "" : " " + std::to_string(ms / 1000) + " s";
+}
+
+std::string pressure_words(const std::vector<Pressure>& all) {
+  std::string high;
+  bool any = false;
+  for (const Pressure& p : all) {
+    any = any || p.avg10 > 0;
+    if (p.avg10 < 10) continue;
+    char figure[96];
+    snprintf(figure, sizeof(figure), "under %s pressure (%s avg10=%.0f%%)", p.resource.c_str(),
+             p.kind.c_str(), p.avg10);
+    high += (high.empty() ? "" : ", ") + std::string(figure);
+  }
+  if (!high.empty()) return high;
+  if (!any) return "no pressure: every stall figure is zero, no cause";
+  return "little pressure (every avg10 under 10%), no cause";
+}
+
+}  // namespace
+
+std::vector<std::string> chain_account(const Story& story, const Incident& in,
+                                       const Chain& chain) {
+  std::vector<std::string> out;
+  if (!chain.hops.empty()) {
+    std::string text = "waits" + seconds(chain.hops[0].age_ms) + " for a binder call into ";
+    for (size_t i = 1; i < chain.hops.size(); ++i) {
+      const Hop& hop = chain.hops[i];
+      if (hop.waits == "cycle") {
+        text += ", and so back to " + who(hop);
+        break;
+      }
+      text += who(hop) + ", which ";
+      if (hop.waits == "binder call") {
+        text += "waits" + seconds(hop.age_ms) + " for a binder call into ";
+      } else {
+        text += how(hop);
+      }
+    }
+    if (chain.cycle) text += ": a deadlock across processes";
+    out.push_back(text);
+    if (!chain.missing.empty()) out.push_back(chain.missing);
+  }
+  if (!story.across.pressure.empty()) out.push_back(pressure_words(story.across.pressure));
+  for (const WatchdogSeen& seen : story.across.watchdog) {
+    bool near = in.evidence_ms < 0 || seen.ms < 0 ||
+                (seen.ms > in.evidence_ms - 600000 && seen.ms < in.evidence_ms + 600000);
+    if (seen.pid != in.pid || !near || seen.line.kind == "goodbye") continue;
+    out.push_back(std::string("the platform watchdog ") +
+                  (seen.line.kind == "killing" ? "killed " : "reported ") +
+                  (in.process.empty() ? "the process" : in.process) + " at " + seen.clock +
+                  " for a block in " + seen.line.what + " on " + seen.line.checker + " (" +
+                  seen.line.thread + ")");
+  }
+  return out;
+}
+
+void Across::add_section_line(const std::string& section, const std::string& text) {
+  if (section.compare(0, 7, "BINDER ") == 0) {
+    binder_read = true;
+    binder.add(text);
+  } else if (section.compare(0, 9, "PROCESSES") == 0) {
+    ps_read = true;
+    ps.add(text);
+  } else {
+    Pressure p;
+    if (parse_pressure(text, pressure_resource(section), &p)) pressure.push_back(p);
+  }
+}
+
+}  // namespace report
