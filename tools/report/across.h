@@ -124,6 +124,7 @@ struct Hop {
   // "no thread yet" (a call no thread of the process has taken)
   std::string waits;
   std::string where;     // the frame it waits in, or the kernel's wait channel
+  std::vector<std::string> stack;  // its kernel stack where a dump lists it, innermost first
   std::string evidence;  // the input that shows it
   int64_t age_ms = -1;   // the call's age where the kernel printed it
 };

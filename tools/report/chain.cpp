@@ -71,6 +71,7 @@ int step(const Story& story, Hop* hop, Chain* chain) {
   }
   if (const KernelTask* task = kernel_task(story, hop->tid)) {
     hop->where = wait_frame(*task);
+    hop->stack = task->stack;
     hop->evidence = std::string("kernel dump: task ") + task->comm + " in " + task->state;
     hop->waits = task->state == 'D' ? "kernel" : task->state == 'R' ? "runs" : "nothing known";
     size_t colon = task->owner.rfind(':');
@@ -113,6 +114,11 @@ Chain follow_chain(const Story& story, const Incident& in) {
       break;
     }
     tid = step(story, &hop, &chain);
+    int64_t since = clock_ms(in.since);
+    if (chain.hops.empty() && hop.age_ms < 0 && since >= 0 && in.evidence_ms >= since) {
+      hop.age_ms = in.evidence_ms - since;  // the kernel prints no age: the daemon's stall
+      hop.evidence += "; age: the daemon's stall until its evidence";
+    }
     chain.cycle = chain.cycle || (hop.waits == "lock" && pids.count(hop.pid) != 0);
     pids.insert(hop.pid);
     chain.hops.push_back(hop);

@@ -197,6 +197,26 @@ std::string dated(const std::string& clock, const std::string& taken) {
   return StringPrintf("%04d-", year) + clock.substr(0, 14);
 }
 
+// The thread at fault as every device names it: its process, its thread without numbers, how it
+// waits and where (the kernel function without suffixes); of a deadlock, its processes in order.
+std::string culprit_of(const Chain& chain) {
+  if (chain.hops.empty()) return "";
+  if (chain.cycle) {
+    std::vector<std::string> members;
+    for (const Hop& hop : chain.hops) {
+      if (hop.waits != "cycle" && (hop.process.empty() || hop.process != chain.hops[0].process))
+        members.push_back(hop.process.empty() ? "?" : hop.process);
+    }
+    std::sort(members.begin(), members.end());
+    members.erase(std::unique(members.begin(), members.end()), members.end());
+    return "a deadlock across processes: " + Join(members, ", ");
+  }
+  const Hop& last = chain.hops.back();
+  std::string where = last.stack.empty() ? last.where : Join(kernel_top(last.stack), " < ");
+  return (last.process.empty() ? "?" : last.process) + " " + without_numbers(last.thread) + " " +
+         last.waits + (where.empty() ? "" : " in " + where);
+}
+
 }  // namespace
 
 std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
@@ -240,10 +260,25 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
         if (!top->empty()) parts.push_back(std::string(kind) + ": " + Join(*top, " < "));
       }
       h.frames = Join(parts, "; ");
+      h.chain = follow_chain(story, in);
+      Chain self;  // a thread blocked in the kernel with no call out is its own culprit
+      if (h.chain.hops.empty() && in.state == 'D' && !h.kernel.empty()) {
+        Hop hop;
+        hop.process = in.process;
+        hop.thread = in.record;
+        hop.waits = "kernel";
+        hop.stack = h.kernel_stack;
+        self.hops.push_back(hop);
+      }
+      h.culprit = culprit_of(h.chain.hops.empty() ? self : h.chain);
+      // The same root cause seen from different victims is one: a chain signs by its culprit.
       std::string key =
-          Join(std::vector<std::string>{std::to_string(kSignatureVersion), h.process, h.thread,
-                                        std::string(1, h.state), h.frames, h.blocker},
-               '\n');
+          h.culprit.empty()
+              ? Join(std::vector<std::string>{std::to_string(kSignatureVersion), h.process,
+                                              h.thread, std::string(1, h.state), h.frames,
+                                              h.blocker},
+                     '\n')
+              : std::to_string(kSignatureVersion) + "\nculprit\n" + h.culprit;
       h.signature = StringPrintf("v%d-%016llx", kSignatureVersion,
                                  static_cast<unsigned long long>(fnv1a(key)));
       hangs.push_back(std::move(h));
@@ -328,6 +363,24 @@ FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool prog
   return stats;
 }
 
+namespace {
+
+nlohmann::ordered_json chain_jsonl(const Chain& chain) {
+  nlohmann::ordered_json hops = nlohmann::ordered_json::array();
+  for (const Hop& hop : chain.hops) {
+    hops.push_back({{"process", hop.process},
+                    {"thread", hop.thread},
+                    {"pid", hop.pid},
+                    {"tid", hop.tid},
+                    {"waits", hop.waits},
+                    {"where", hop.where},
+                    {"age_ms", hop.age_ms < 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(hop.age_ms)}});
+  }
+  return hops;
+}
+
+}  // namespace
+
 std::string jsonl_line(const Hang& h) {
   auto or_null = [](const std::string& s) {
     return s.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(s);
@@ -352,6 +405,8 @@ std::string jsonl_line(const Hang& h) {
                               {"native_stack", h.native_stack},
                               {"frames", h.frames},
                               {"blocker", h.blocker},
+                              {"culprit", h.culprit},
+                              {"chain", chain_jsonl(h.chain)},
                               {"signature", h.signature},
                               {"signature_version", kSignatureVersion}};
   return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -359,13 +414,20 @@ std::string jsonl_line(const Hang& h) {
 
 void Summary::add(Hang h) {
   Row& row = rows[h.signature];
-  if (row.count++ == 0) {
+  // Victims that share a culprit share the row: it shows the first of them in order of process,
+  // thread, state, frames and blocker, as the query does.
+  std::vector<std::string> victim = {h.process, h.thread, std::string(1, h.state), h.frames,
+                                     h.blocker};
+  if (row.count++ == 0 ||
+      victim < std::vector<std::string>{row.process, row.thread, row.state, row.frames,
+                                        row.blocker}) {
     row.signature = h.signature;
     row.process = h.process;
     row.thread = h.thread;
-    row.state = std::string(1, h.state);
+    row.state = victim[2];
     row.frames = h.frames;
     row.blocker = h.blocker;
+    row.culprit = h.culprit;
   }
   if (!h.seen.empty() && (row.first.empty() || h.seen < row.first)) row.first = h.seen;
   row.last = std::max(row.last, h.seen);
@@ -414,11 +476,11 @@ std::string escape(const std::string& text) {
 std::string Summary::table() const {
   std::string s =
       "count | devices | builds | first_seen | last_seen | process | thread | state | frames | "
-      "blocker | signature\n";
+      "blocker | culprit | signature\n";
   for (const Row* r : by_count(rows)) {
     s += StringPrintf("%zu | %zu | %zu | ", r->count, r->devices.size(), r->builds.size()) +
          Join(std::vector<std::string>{r->first, r->last, r->process, r->thread, r->state,
-                                       r->frames, r->blocker, r->signature},
+                                       r->frames, r->blocker, r->culprit, r->signature},
               " | ") +
          "\n";
   }
