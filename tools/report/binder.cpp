@@ -3,6 +3,7 @@
 // "outgoing transaction ID: PTR from P:T to P:T code C flags F pri N[:M] rN [node N size A:B data
 // PTR | offset N] [elapsed Nms]". Other kernels drop fields or add them; only the named fields are
 // taken, wherever they stand.
+#include <ctype.h>
 #include <stdlib.h>
 
 #include <set>
@@ -96,7 +97,8 @@ void BinderReader::add(const std::string& line) {
     finish();
     return;
   }
-  if (!held.empty() && !record_start(w[0])) {
+  char first = w[0][0];  // a folded line goes on with a field's name or a number
+  if (!held.empty() && !record_start(w[0]) && (islower(first) || isdigit(first))) {
     held += " " + line;
     return;
   }
