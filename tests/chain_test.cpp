@@ -30,17 +30,24 @@ TEST(Across, FollowsTheRealDriversCallsToTheCulprit) {
     const char* culprit;
   } cases[] = {
       {"binder",
-       {"for a binder call into storaged (pid ", "which sleeps in `do_sys_poll`, waiting on nothing",
-        "a Java or native dump of storaged", "little pressure"},
-       2, false, "storaged storaged nothing known in do_sys_poll"},
+       {"for a binder call into storaged (pid ",
+        "which sleeps in `do_sys_poll`, waiting on nothing", "a Java or native dump of storaged",
+        "little pressure"},
+       2,
+       false,
+       "storaged storaged nothing known in do_sys_poll"},
       {"binder-d",
        {"for a binder call into vold (pid ", "which waits in the kernel in `__wait_for_common`"},
-       2, false, "vold vold kernel in wait_for_common < wait_for_completion_state < kernel_clone"},
+       2,
+       false,
+       "vold vold kernel in wait_for_common < wait_for_completion_state < kernel_clone"},
       {"binder-cycle",
        {"into netd (pid ", "which waits for a binder call into android.hardwar (pid ",
-        "which waits for a binder call into netd (pid ", "thread binder:",
-        "which waits on a lock (a futex): a deadlock across processes"},
-       4, true, "a deadlock across processes: android.hardwar, netd"},
+        "which waits for a binder call into netd (pid ",
+        "thread binder:", "which waits on a lock (a futex): a deadlock across processes"},
+       4,
+       true,
+       "a deadlock across processes: android.hardwar, netd"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.scenario);
@@ -52,8 +59,8 @@ TEST(Across, FollowsTheRealDriversCallsToTheCulprit) {
       EXPECT_EQ(h.signature, hangs[0].signature) << "one culprit, one signature";
     }
     ASSERT_NE(victim, nullptr);
-    for (const std::string& words : c.said) EXPECT_NE(victim->story.find(words), std::string::npos)
-        << words << "\n" << victim->story;
+    for (const std::string& words : c.said)
+      EXPECT_NE(victim->story.find(words), std::string::npos) << words << "\n" << victim->story;
     EXPECT_EQ(victim->culprit, c.culprit);
     json j = json::parse(report::json_report(story));
     for (const json& in : j["runs"][0]["incidents"]) {
@@ -75,15 +82,14 @@ TEST(Across, JoinsThePlatformWatchdogsVerdict) {
   std::string text = read_file(vm_bugreport("binder"));
   report::Story plain = report::build_story({vm_bugreport("binder")});
   const report::Incident& in = plain.runs[0].incidents[0];
-  std::string line = in.evidence_clock.substr(0, 12) + "59.000  " + std::to_string(in.pid) +
-                     "  " + std::to_string(in.pid + 20) +
+  std::string line = in.evidence_clock.substr(0, 12) + "59.000  " + std::to_string(in.pid) + "  " +
+                     std::to_string(in.pid + 20) +
                      " W Watchdog: *** WATCHDOG KILLING SYSTEM PROCESS: Blocked in handler on "
                      "main thread (main)\n";
   size_t log = text.find('\n', text.find("------ SYSTEM LOG")) + 1;
   write_file(dir.path("bugreport.txt"), text.insert(log, line));
   report::Story story = report::build_story({dir.path("bugreport.txt")});
-  std::string account =
-      report::incident_account(story, story.runs[0], story.runs[0].incidents[0]);
+  std::string account = report::incident_account(story, story.runs[0], story.runs[0].incidents[0]);
   EXPECT_NE(account.find("the platform watchdog killed system_server at " +
                          in.evidence_clock.substr(0, 12) +
                          "59.000 for a block in handler on main thread (main)"),
@@ -126,8 +132,8 @@ TEST(Across, ReadsEachKernelsBinderLayout) {
        "4642:0 code 1 flags 10 pri 0:120 r1 node 7 size 52:0 data 00",
        "pending", 930, 930, 4642, 0, 1, 0x10, -1, "", 0},
       // 6.x work kinds older kernels lack, and a line of none of the forms
-      {"proc 699\ncontext binder-test\n  unknown work: type 11\n  has frozen binder\n@@ noise",
-       "", 0, 0, 0, 0, 0, 0, -1, "", 1},
+      {"proc 699\ncontext binder-test\n  unknown work: type 11\n  has frozen binder\n@@ noise", "",
+       0, 0, 0, 0, 0, 0, -1, "", 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -178,7 +184,8 @@ TEST(Across, ReadsTheProcessListPressureAndWatchdogLines) {
     const char* thread;
     int seconds;
   } cases[] = {
-      {"Blocked in handler on main thread (main) for 61s", "blocked", "", "main thread", "main", 61},
+      {"Blocked in handler on main thread (main) for 61s", "blocked", "", "main thread", "main",
+       61},
       {"*** WATCHDOG KILLING SYSTEM PROCESS: Blocked in monitor com.android.server.am."
        "ActivityManagerService on foreground thread (android.fg)",
        "killing", "com.android.server.am.ActivityManagerService", "foreground thread", "android.fg",

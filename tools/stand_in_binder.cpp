@@ -99,8 +99,8 @@ struct Service {
 
 void* serve_thread(void*) {
   std::string base = service.device.substr(service.device.rfind('/') + 1);
-  std::string name = (base == "hwbinder" ? "HwBinder:" : "binder:") +
-                     std::to_string(getpid()) + "_2";
+  std::string name =
+      (base == "hwbinder" ? "HwBinder:" : "binder:") + std::to_string(getpid()) + "_2";
   prctl(PR_SET_NAME, name.substr(0, 15).c_str());
   serve_loop(BC_REGISTER_LOOPER);
 }

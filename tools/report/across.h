@@ -43,7 +43,7 @@ struct BinderState {
 struct BinderReader {
   BinderState state;
   void add(const std::string& line);
-  void finish();  // the last line read is complete
+  void finish();     // the last line read is complete
   std::string held;  // a line that a folded continuation may still complete
   int proc = 0;
   std::string context;
@@ -82,10 +82,10 @@ std::string pressure_resource(const std::string& header);
 
 // The platform watchdog's verdict in its log lines and its trace's "Subject:" line.
 struct WatchdogLine {
-  std::string kind;  // "blocked" (a report), "killing", "goodbye"
-  std::string what;  // "handler" or "monitor"
+  std::string kind;                      // "blocked" (a report), "killing", "goodbye"
+  std::string what;                      // "handler" or "monitor"
   std::string monitor, checker, thread;  // CLASS of a monitor; NAME and (THREAD)
-  int seconds = -1;                       // "for Ns", -1 when not printed
+  int seconds = -1;                      // "for Ns", -1 when not printed
 };
 // Reads the message of a Watchdog line ("Blocked in handler on main thread (main) for 61s", "***
 // WATCHDOG KILLING SYSTEM PROCESS: Blocked in ...", "*** GOODBYE!") or a "Subject: Blocked in ...".
@@ -123,15 +123,15 @@ struct Hop {
   // "binder call", "monitor", "kernel lock", "kernel", "lock", "runs", "nothing known", "gone",
   // "no thread yet" (a call no thread of the process has taken)
   std::string waits;
-  std::string where;     // the frame it waits in, or the kernel's wait channel
+  std::string where;               // the frame it waits in, or the kernel's wait channel
   std::vector<std::string> stack;  // its kernel stack where a dump lists it, innermost first
-  std::string evidence;  // the input that shows it
-  int64_t age_ms = -1;   // the call's age where the kernel printed it
+  std::string evidence;            // the input that shows it
+  int64_t age_ms = -1;             // the call's age where the kernel printed it
 };
 struct Chain {
   std::vector<Hop> hops;
-  bool cycle = false;    // the last hop waits on one before it: a deadlock across processes
-  std::string missing;   // the input that would take the chain further, when it stops short
+  bool cycle = false;   // the last hop waits on one before it: a deadlock across processes
+  std::string missing;  // the input that would take the chain further, when it stops short
 };
 // Follows the incident's thread through binder calls, kernel locks and the process list to the
 // culprit or a cycle; empty when the inputs hold no binder state or process list.

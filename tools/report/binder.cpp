@@ -30,8 +30,9 @@ std::vector<std::string> words(const std::string& line) {
 // before it (a terminal folded it).
 bool record_start(const std::string& word) {
   static const std::set<std::string> kStarts = {
-      "proc",    "context", "thread", "node", "ref",     "buffer", "outgoing", "incoming",
-      "pending", "transaction", "dead", "binder", "has", "unknown", "bad", "active", "free"};
+      "proc",     "context",  "thread",  "node",        "ref",  "buffer",
+      "outgoing", "incoming", "pending", "transaction", "dead", "binder",
+      "has",      "unknown",  "bad",     "active",      "free"};
   return kStarts.count(word) != 0 || word.compare(0, 3, "BC_") == 0 ||
          word.compare(0, 3, "BR_") == 0;
 }

@@ -126,8 +126,9 @@ Chain follow_chain(const Story& story, const Incident& in) {
   if (chain.hops.size() < 2) return Chain();  // no call out of the process: nothing to follow
   const Hop& last = chain.hops.back();
   if (!across.ps_read) {
-    chain.missing = "the process list (a bug report's PROCESSES AND THREADS, ps -A -T) would name "
-                    "the processes and threads";
+    chain.missing =
+        "the process list (a bug report's PROCESSES AND THREADS, ps -A -T) would name "
+        "the processes and threads";
   } else if (last.waits == "lock" || last.waits == "nothing known") {
     chain.missing = "a Java or native dump of " + (last.process.empty() ? "pid" : last.process) +
                     " (pid " + std::to_string(last.pid) + ") would show where thread " +
@@ -181,8 +182,7 @@ std::string pressure_words(const std::vector<Pressure>& all) {
 
 }  // namespace
 
-std::vector<std::string> chain_account(const Story& story, const Incident& in,
-                                       const Chain& chain) {
+std::vector<std::string> chain_account(const Story& story, const Incident& in, const Chain& chain) {
   std::vector<std::string> out;
   if (!chain.hops.empty()) {
     std::string text = "waits" + seconds(chain.hops[0].age_ms) + " for a binder call into ";

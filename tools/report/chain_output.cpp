@@ -10,10 +10,14 @@ namespace {
 std::string escaped(const std::string& text) {
   std::string out;
   for (char c : text) {
-    if (c == '<') out += "&lt;";
-    else if (c == '>') out += "&gt;";
-    else if (c == '&') out += "&amp;";
-    else out += c;
+    if (c == '<')
+      out += "&lt;";
+    else if (c == '>')
+      out += "&gt;";
+    else if (c == '&')
+      out += "&amp;";
+    else
+      out += c;
   }
   return out;
 }
@@ -24,7 +28,8 @@ std::string chain_html(const Story& story, const Incident& in) {
   Chain chain = follow_chain(story, in);
   std::vector<std::string> account = chain_account(story, in, chain);
   if (account.empty()) return "";
-  std::string h = "<h5>" + std::string(chain.cycle ? "A deadlock across processes" : "Across processes") +
+  std::string h = "<h5>" +
+                  std::string(chain.cycle ? "A deadlock across processes" : "Across processes") +
                   "</h5><ol class=\"chain\">";
   for (const Hop& hop : chain.hops) {
     h += "<li><b>" + escaped(hop.process.empty() ? "pid " + std::to_string(hop.pid) : hop.process) +
@@ -35,7 +40,8 @@ std::string chain_html(const Story& story, const Incident& in) {
          "<br><span class=\"muted\">" + escaped(hop.evidence) + "</span></li>";
   }
   h += "</ol>";
-  for (const std::string& sentence : account) h += "<p class=\"blocker\">" + escaped(sentence) + "</p>";
+  for (const std::string& sentence : account)
+    h += "<p class=\"blocker\">" + escaped(sentence) + "</p>";
   return h;
 }
 
@@ -43,14 +49,15 @@ void add_chain_json(const Story& story, const Incident& in, nlohmann::json* j) {
   Chain chain = follow_chain(story, in);
   nlohmann::json hops = nlohmann::json::array();
   for (const Hop& hop : chain.hops) {
-    hops.push_back({{"process", hop.process.empty() ? nlohmann::json() : nlohmann::json(hop.process)},
-                    {"thread", hop.thread.empty() ? nlohmann::json() : nlohmann::json(hop.thread)},
-                    {"pid", hop.pid},
-                    {"tid", hop.tid},
-                    {"waits", hop.waits},
-                    {"where", hop.where},
-                    {"evidence", hop.evidence},
-                    {"age_ms", hop.age_ms < 0 ? nlohmann::json() : nlohmann::json(hop.age_ms)}});
+    hops.push_back(
+        {{"process", hop.process.empty() ? nlohmann::json() : nlohmann::json(hop.process)},
+         {"thread", hop.thread.empty() ? nlohmann::json() : nlohmann::json(hop.thread)},
+         {"pid", hop.pid},
+         {"tid", hop.tid},
+         {"waits", hop.waits},
+         {"where", hop.where},
+         {"evidence", hop.evidence},
+         {"age_ms", hop.age_ms < 0 ? nlohmann::json() : nlohmann::json(hop.age_ms)}});
   }
   (*j)["chain"] = hops;
   (*j)["chain_cycle"] = chain.cycle;
