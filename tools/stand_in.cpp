@@ -13,7 +13,7 @@
 //   --life MS            end the whole process after MS milliseconds
 //   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
 //                        taken on a thread of their own, as an app runtime's signal catcher does
-//   --serve SPEC         serve binder calls as stand_in_binder.h says (DEVICE,WHAT)
+//   --serve DEVICE,WHAT  serve binder calls as stand_in_binder.h says (DEVICE,WHAT)
 //   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
 //                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
 //                        before --spawn are the parent's

@@ -128,11 +128,11 @@ void binder_call(const char* device, int* ready) {
   forever();
 }
 
-bool binder_serve_setup(const std::string& spec) {
-  size_t comma = spec.find(',');
+bool binder_serve_setup(const std::string& plan) {
+  size_t comma = plan.find(',');
   if (comma == std::string::npos) return false;
-  service.device = spec.substr(0, comma);
-  service.what = spec.substr(comma + 1);
+  service.device = plan.substr(0, comma);
+  service.what = plan.substr(comma + 1);
   if (service.what.compare(0, 5, "call:") == 0) {
     service.next = service.what.substr(5);
     service.what = "call";

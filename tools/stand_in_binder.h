@@ -15,8 +15,8 @@ namespace stand_in {
 // a second thread named as the platform names binder threads waiting for calls. Each call takes
 // the process's one lock, which is never released, then: `never` sleeps without answering, `D`
 // waits uninterruptibly in vfork, `call:DEVICE2` calls the context manager of DEVICE2. False when
-// the spec or the driver refuses.
-bool binder_serve_setup(const std::string& spec);
+// the plan or the driver refuses.
+bool binder_serve_setup(const std::string& plan);
 // The main thread's part once set up: it serves calls for ever.
 [[noreturn]] void binder_serve();
 

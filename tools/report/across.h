@@ -142,5 +142,8 @@ std::vector<std::string> chain_account(const Story& story, const Incident& in, c
 // The chain on the page (empty when there is none) and in --json (the incident's "chain").
 std::string chain_html(const Story& story, const Incident& in);
 void add_chain_json(const Story& story, const Incident& in, nlohmann::json* incident);
+// The hops as JSON objects (for --json, and --jsonl's ordered keys).
+template <typename Json>
+Json chain_hops_json(const Chain& chain);
 
 }  // namespace report

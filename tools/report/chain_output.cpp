@@ -45,21 +45,28 @@ std::string chain_html(const Story& story, const Incident& in) {
   return h;
 }
 
+template <typename Json>
+Json chain_hops_json(const Chain& chain) {
+  auto or_null = [](const std::string& s) { return s.empty() ? Json() : Json(s); };
+  Json hops = Json::array();
+  for (const Hop& hop : chain.hops) {
+    hops.push_back({{"process", or_null(hop.process)},
+                    {"thread", or_null(hop.thread)},
+                    {"pid", hop.pid},
+                    {"tid", hop.tid},
+                    {"waits", hop.waits},
+                    {"where", hop.where},
+                    {"evidence", hop.evidence},
+                    {"age_ms", hop.age_ms < 0 ? Json() : Json(hop.age_ms)}});
+  }
+  return hops;
+}
+template nlohmann::json chain_hops_json<nlohmann::json>(const Chain& chain);
+template nlohmann::ordered_json chain_hops_json<nlohmann::ordered_json>(const Chain& chain);
+
 void add_chain_json(const Story& story, const Incident& in, nlohmann::json* j) {
   Chain chain = follow_chain(story, in);
-  nlohmann::json hops = nlohmann::json::array();
-  for (const Hop& hop : chain.hops) {
-    hops.push_back(
-        {{"process", hop.process.empty() ? nlohmann::json() : nlohmann::json(hop.process)},
-         {"thread", hop.thread.empty() ? nlohmann::json() : nlohmann::json(hop.thread)},
-         {"pid", hop.pid},
-         {"tid", hop.tid},
-         {"waits", hop.waits},
-         {"where", hop.where},
-         {"evidence", hop.evidence},
-         {"age_ms", hop.age_ms < 0 ? nlohmann::json() : nlohmann::json(hop.age_ms)}});
-  }
-  (*j)["chain"] = hops;
+  (*j)["chain"] = chain_hops_json<nlohmann::json>(chain);
   (*j)["chain_cycle"] = chain.cycle;
   (*j)["chain_missing"] = chain.missing;
   (*j)["causes"] = chain_account(story, in, chain);

@@ -363,24 +363,6 @@ FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool prog
   return stats;
 }
 
-namespace {
-
-nlohmann::ordered_json chain_jsonl(const Chain& chain) {
-  nlohmann::ordered_json hops = nlohmann::ordered_json::array();
-  for (const Hop& hop : chain.hops) {
-    hops.push_back({{"process", hop.process},
-                    {"thread", hop.thread},
-                    {"pid", hop.pid},
-                    {"tid", hop.tid},
-                    {"waits", hop.waits},
-                    {"where", hop.where},
-                    {"age_ms", hop.age_ms < 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(hop.age_ms)}});
-  }
-  return hops;
-}
-
-}  // namespace
-
 std::string jsonl_line(const Hang& h) {
   auto or_null = [](const std::string& s) {
     return s.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(s);
@@ -406,7 +388,7 @@ std::string jsonl_line(const Hang& h) {
                               {"frames", h.frames},
                               {"blocker", h.blocker},
                               {"culprit", h.culprit},
-                              {"chain", chain_jsonl(h.chain)},
+                              {"chain", chain_hops_json<nlohmann::ordered_json>(h.chain)},
                               {"signature", h.signature},
                               {"signature_version", kSignatureVersion}};
   return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
