@@ -76,25 +76,41 @@ TEST(Across, FollowsTheRealDriversCallsToTheCulprit) {
   }
 }
 
-// The platform watchdog's kill of the same process beside the daemon's incident is joined to it.
+// The platform watchdog's verdict on the same process, in its log or a trace's Subject: line,
+// is joined to the daemon's incident.
 TEST(Across, JoinsThePlatformWatchdogsVerdict) {
   TempDir dir;
   std::string text = read_file(vm_bugreport("binder"));
   report::Story plain = report::build_story({vm_bugreport("binder")});
   const report::Incident& in = plain.runs[0].incidents[0];
-  std::string line = in.evidence_clock.substr(0, 12) + "59.000  " + std::to_string(in.pid) + "  " +
-                     std::to_string(in.pid + 20) +
+  std::string minute = in.evidence_clock.substr(0, 12), pid = std::to_string(in.pid);
+  std::string line = minute + "59.000  " + pid + "  " + pid +
                      " W Watchdog: *** WATCHDOG KILLING SYSTEM PROCESS: Blocked in handler on "
                      "main thread (main)\n";
   size_t log = text.find('\n', text.find("------ SYSTEM LOG")) + 1;
-  write_file(dir.path("bugreport.txt"), text.insert(log, line));
-  report::Story story = report::build_story({dir.path("bugreport.txt")});
-  std::string account = report::incident_account(story, story.runs[0], story.runs[0].incidents[0]);
-  EXPECT_NE(account.find("the platform watchdog killed system_server at " +
-                         in.evidence_clock.substr(0, 12) +
-                         "59.000 for a block in handler on main thread (main)"),
-            std::string::npos)
-      << account;
+  write_file(dir.path("bugreport.txt"), text.substr(0, log) + line + text.substr(log));
+  write_file(dir.path("anr_1"), "Subject: Blocked in handler on main thread (main)\n\n----- pid " +
+                                    pid + " at 2026-" + minute +
+                                    "30 -----\nCmd line: "
+                                    "system_server\n\n----- end " +
+                                    pid + " -----\n");
+  struct Case {
+    Lines inputs;
+    std::string said;
+  } cases[] = {
+      {{dir.path("bugreport.txt")},
+       "killed system_server at " + minute +
+           "59.000 for a block in "
+           "handler on main thread (main)"},
+      {{vm_bugreport("binder"), dir.path("anr_1")},
+       "reported system_server at 2026-" + minute + "30 for a block in handler on main thread"},
+  };
+  for (const Case& c : cases) {
+    report::Story story = report::build_story(c.inputs);
+    std::string account =
+        report::incident_account(story, story.runs[0], story.runs[0].incidents[0]);
+    EXPECT_NE(account.find("the platform watchdog " + c.said), std::string::npos) << account;
+  }
 }
 
 // The driver's state as each kernel prints it: hand-written in the layouts of

@@ -97,6 +97,7 @@ struct WatchdogSeen {
   int pid = 0;
   int64_t ms = -1;
   std::string clock;
+  std::string trace;  // of a trace's Subject: line, the file: its dump gives the pid and time
 };
 
 // Everything the bug report says about other processes, gathered from its sections (a Line of

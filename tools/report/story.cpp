@@ -474,6 +474,10 @@ void stack_line(Builder* b, const Line& line) {
 void add_line(Builder* b, const Line& line) {
   WatchdogSeen seen;
   if (line.from == Line::kStackDump) {
+    if (StartsWith(line.text, "Subject: ") && parse_watchdog(line.text, &seen.line)) {
+      seen.trace = line.tag;
+      b->story.across.watchdog.push_back(seen);
+    }
     stack_line(b, line);
   } else if (line.from == Line::kSection) {
     b->story.across.add_section_line(line.tag, line.text);
@@ -618,6 +622,14 @@ Story build_story(const std::vector<std::string>& paths) {
   attach_dumps(&b.story, b.asked);
   attach_stacks(&b.story);
   b.story.across.finish();
+  for (WatchdogSeen& seen : b.story.across.watchdog) {  // a trace's verdict: its dump's process
+    for (const ProcessDump& dump : b.story.stacks) {
+      if (seen.trace.empty() || dump.source != seen.trace || seen.pid != 0) continue;
+      seen.pid = dump.pid;
+      seen.ms = dump.ms;
+      seen.clock = dump.when;
+    }
+  }
   return std::move(b.story);
 }
 
