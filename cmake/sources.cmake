@@ -5,4 +5,7 @@ set(STALL_WARD_SOURCES ${CMAKE_CURRENT_LIST_DIR}/../src/stall_ward.cpp
                        ${CMAKE_CURRENT_LIST_DIR}/../src/utils.cpp)
 set(STALL_WARD_HOST_SOURCES ${CMAKE_CURRENT_LIST_DIR}/../host/android_reboot.cpp
                             ${CMAKE_CURRENT_LIST_DIR}/../host/log_stderr.cpp
-                            ${CMAKE_CURRENT_LIST_DIR}/../host/properties.cpp)
+                            ${CMAKE_CURRENT_LIST_DIR}/../host/properties.cpp
+                            ${CMAKE_CURRENT_LIST_DIR}/../tools/check/prop_text.cpp)
+# The host property store reads its file with the checker's reader of init's rules.
+set(STALL_WARD_HOST_INCLUDES ${CMAKE_CURRENT_LIST_DIR}/../host ${CMAKE_CURRENT_LIST_DIR}/../tools)

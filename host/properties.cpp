@@ -1,12 +1,11 @@
 // Host stand-in for the libcutils property readers, backed by a file in build.prop form named by
-// STALL_WARD_PROPERTIES: one key=value a line, the key up to the first '=', the value the rest of
-// the line, untrimmed; blank lines and lines starting with '#' are skipped; the last line for a
-// key wins. Without the variable there are no properties. A file that others than its owner may
-// write, or that neither root nor the daemon's user owns, is refused. The conversions follow
-// libcutils.
+// STALL_WARD_PROPERTIES, read as init reads such a file (property_file.h). Without the variable
+// there are no properties. A file that others than its owner may write, or that neither root nor
+// the daemon's user owns, is refused. The conversions follow libcutils.
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <android/log.h>
+#include <ctype.h>
 #include <cutils/properties.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -17,6 +16,7 @@
 #include <sys/system_properties.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -36,44 +36,20 @@ struct PropertyFile {
 
 }  // namespace
 
-void parse_property_file(const std::string& path, const std::string& text,
-                         std::unordered_map<std::string, std::string>* values,
-                         std::vector<PropertyRefusal>* refusals) {
-  size_t start = 0;
-  for (int line_no = 1; start < text.size(); ++line_no) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(start, end - start);
-    start = end + 1;
-    if (line.empty() || line[0] == '#') continue;
-    size_t eq = line.find('=');
-    if (eq == std::string::npos || eq == 0) {
-      __android_log_print(ANDROID_LOG_ERROR, kTag, "%s:%d: not a key=value line, ignored",
-                          path.c_str(), line_no);
-      continue;
-    }
-    std::string key = line.substr(0, eq);
-    std::string value = line.substr(eq + 1);
-    if (value.size() >= PROPERTY_VALUE_MAX) {
-      __android_log_print(ANDROID_LOG_ERROR, kTag,
-                          "%s: value of %s is %zu bytes, longer than %d: ignored", path.c_str(),
-                          key.c_str(), value.size(), PROPERTY_VALUE_MAX - 1);
-      if (refusals != nullptr) {
-        refusals->push_back({key, std::to_string(value.size()) + " bytes, longer than " +
-                                      std::to_string(PROPERTY_VALUE_MAX - 1)});
-      }
-      values->erase(key);
-      continue;
-    }
-    (*values)[key] = value;
-  }
-}
-
 namespace {
+
+std::unique_ptr<std::unordered_map<std::string, std::string>>& given_values() {
+  static std::unique_ptr<std::unordered_map<std::string, std::string>> values;
+  return values;
+}
 
 // The file currently named by STALL_WARD_PROPERTIES, read once per file name.
 const PropertyFile& property_file() {
   static PropertyFile file;
+  if (given_values() != nullptr) {
+    file.values = *given_values();
+    return file;
+  }
   const char* env = getenv("STALL_WARD_PROPERTIES");
   std::string path = env != nullptr ? env : "";
   if (file.loaded && file.path == path) return file;
@@ -103,7 +79,20 @@ const PropertyFile& property_file() {
                                      " and writable by its owner alone"});
     return file;
   }
-  parse_property_file(path, text, &file.values, &file.refusals);
+  // As init loads a file: the last line for a key wins, and is then set or refused.
+  std::unordered_map<std::string, std::string> last;
+  for (const PropertyLine& line : parse_property_text(path, text).lines)
+    last[line.key] = line.value;
+  for (const auto& [key, value] : last) {
+    std::string why = property_refusal(key, value);
+    if (why.empty()) {
+      file.values[key] = value;
+      continue;
+    }
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: value of %s is %s: ignored", path.c_str(),
+                        key.c_str(), why.c_str());
+    file.refusals.push_back({key, why});
+  }
   return file;
 }
 
@@ -112,6 +101,10 @@ const std::unordered_map<std::string, std::string>& properties() {
 }
 
 }  // namespace
+
+void use_property_values(const std::unordered_map<std::string, std::string>& values) {
+  given_values() = std::make_unique<std::unordered_map<std::string, std::string>>(values);
+}
 
 const std::vector<PropertyRefusal>& property_refusals() {
   return property_file().refusals;

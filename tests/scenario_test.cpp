@@ -151,46 +151,98 @@ TEST(Scenario, AZombieMainThreadIsFoundThroughPsAndItsParentAnswers) {
   EXPECT_EQ(run.trigger.commands(), (Lines{"w", "l"}));
 }
 
-// stall_ward_check --live on a system of stand-ins, each carrying one hazard (or, the vfork child
-// of vf, one the checker must not see), and then what the daemon really does there.
+// stall_ward_check --live beside the daemon, on the same stand-ins, its time sped up as the
+// daemon's is: each row a finding the checker gives or must not give, and the daemon's line that
+// bears it out. One system walks /proc, one takes the ps way.
+struct CheckerCase {
+  std::string processes;
+  std::vector<Lines> stand_ins;
+  bool ps_way;
+  // the finding's first line; whether it is given; the daemon's line that bears it out (stand-in
+  // k's pid as {k}; two lines: the first, then a line that starts with the second); whether it
+  // comes
+  std::vector<std::tuple<std::string, bool, std::string, bool>> rows;
+};
+
+// Whether the log has line, or its two lines one after the other (the second as a prefix).
+bool logged(const Lines& m, const std::string& line) {
+  size_t cut = line.find('\n');
+  if (cut == std::string::npos) return count(m, line) > 0;
+  for (size_t i = 0; i + 1 < m.size(); ++i) {
+    if (m[i] == line.substr(0, cut) && m[i + 1].rfind(line.substr(cut + 1), 0) == 0) return true;
+  }
+  return false;
+}
+
+std::string with_pids(std::string text, const DaemonRun& run) {
+  for (size_t k = 0; k < run.ids.size(); ++k) {
+    text = android::base::StringReplace(text, "{" + std::to_string(k) + "}", run.pid(k), true);
+  }
+  return text;
+}
+
 TEST(Scenario, TheCheckersLiveFindingsAreWhatTheDaemonDoes) {
-  DaemonRun run(
-      props("twice:watchdog vf:hang long:PowerManagerService:no app:idle ghost mainly jit:Jit z:t"),
-      {{"twice", "--thread", "watchdog:D"},
-       {"twice", "--thread", "watchdog:D"},
-       {"vf", "--thread", "hang:D"},
-       {"long", "--thread", "PowerManagerService:S", "--signals", "@sig"},
-       {"zygote64", "--spawn", "app", "--thread", "idle:S", "--signals", "@sig"},
-       {"mainly", "--main-name", "other"},
-       {"jit", "--thread", "Jit thread pool:S", "--signals", "@sig"},
-       {"z", "--main", "Z", "--thread", "t:S"}},
-      {}, "STALL_WARD_PROPERTIES=\"$DIR/props\" " STALL_WARD_CHECK_PATH " --live >\"$DIR/check\"");
-  for (size_t k : {2, 3, 4})
-    EXPECT_TRUE(run.wait_for("I killing proc " + run.pid(k), 2 * kWait)) << k;
-  const std::string check = read_file(run.dir.path("check"));
-  const Lines m = run.messages();
-  const std::tuple<std::string, bool, std::string> rows[] = {
-      // the checker's finding, whether it is given, the daemon's line that bears it out
-      {"\nerror two-processes: twice\n    pids " + run.pid(0) + ", " + run.pid(1), true,
-       "I watchdog proc not started"},  // never: the record is bound at each sweep
-      {"two-processes: vf", false, "I dumped " + run.pid(2) + " D"},
-      {"\nerror truncated-thread: long:PowerManagerService\n", true, "I dumped " + run.pid(3)},
-      {"\nerror asleep-app-thread: app:idle\n", true, "I dumped " + run.pid(4)},
-      {"\nerror no-process: ghost\n", true, "I ghost proc not started"},
-      {"\nerror main-thread-name: mainly\n", true, "I mainly proc not started"},
-      {"\nerror no-thread: long:no\n", true, "I thread no not start"},
-      {"\nerror blank-thread: jit:Jit\n", true, "I dumped " + run.pid(6)},
-      {"\nwarning zombie-leader: z\n", true, "I t proc not started"},
+  const CheckerCase cases[] = {
+      {"twice:watchdog vf:hang long:PowerManagerService:no app:idle ghost mainly jit:Jit z:t",
+       {{"twice", "--thread", "watchdog:D"},
+        {"twice", "--thread", "watchdog:D"},
+        {"vf", "--thread", "hang:D"},
+        {"long", "--thread", "PowerManagerService:S", "--signals", "@sig"},
+        {"zygote64", "--spawn", "app", "--thread", "idle:S", "--signals", "@sig"},
+        {"mainly", "--main-name", "other"},
+        {"jit", "--thread", "Jit thread pool:S", "--signals", "@sig"},
+        {"z", "--main", "Z", "--thread", "t:S"}},
+       false,
+       {{"two-processes: vf", false, "I dumped {2} D", true},
+        {"error truncated-thread: long:PowerManagerService\n", true, "I dumped {3}", true},
+        {"error asleep-app-thread: app:idle\n", true, "I dumped {4}", true},
+        {"error no-process: ghost\n", true, "I ghost proc not started", true},
+        {"error main-thread-name: mainly\n", true, "I mainly proc not started", true},
+        {"error no-thread: long:no\n", true, "I thread no not start", true},
+        {"error blank-thread: jit:Jit\n", true, "I dumped {6}", true},
+        {"warning zombie-leader: z\n", true, "I t proc not started", true},
+        {"error two-processes: twice\n", true, "I watchdog proc not started", false}}},
+      {"system_server:watchdog com.android.nfc",
+       {{"zygote64", "--spawn", "system_server", "--thread", "watchdog:P"},
+        {"zygote64", "--spawn", "com.android.nfc", "--signals", "@sig"}},
+       false,
+       {{"error asleep-app-thread: com.android.nfc\n", true, "I dumped {1}", true},
+        {"asleep-app-thread: system_server:watchdog", false, "I dumped {0}", false}}},
+      {"zygote system_server:android.anim:watchdog hal:screen runs:qq ghost",
+       {{"zygote64", "--spawn", "system_server", "--thread", "android.anim.lf:S", "--thread",
+         "android.anim:P", "--thread", "watchdog:P"},
+        {"zygote"},
+        {"hal", "--thread", "screen:E"},
+        {"runs", "--thread", "qq:S"}},
+       true,
+       {{"error ps-substring: zygote\n", true, "I zygote proc not started", true},
+        {"error ps-substring: system_server:android.anim\n", true,
+         "I android.anim proc not started", true},
+        {"system_server:watchdog\n", false, "I dumped {0}", false},
+        {"error thread-gone: hal:screen\n", true, "I dumped {2}", true},
+        {"error ps-carry-over: ghost\n", true,
+         "I [sh] proc ghost not started\nI reading /proc/{3}/task/", true},
+        {"ps-substring: runs:qq", false, "I killing proc {3}", false}}},
   };
-  for (const auto& [finding, given, line] : rows) {
-    EXPECT_EQ(check.find(finding) != std::string::npos, given) << finding << "\n" << check;
+  for (const CheckerCase& c : cases) {
+    std::string env = c.ps_way ? android_ps_path() : "";
+    DaemonRun run(
+        props(c.processes), c.stand_ins, c.ps_way ? Lines{env} : Lines{},
+        "(sleep 0.5; env " + env +
+            " LD_PRELOAD=" FAKETIME_LIB
+            " 'FAKETIME=+0 x20' STALL_WARD_PROPERTIES=\"$DIR/props\" " STALL_WARD_CHECK_PATH
+            " --live >\"$DIR/check.tmp\"; mv \"$DIR/check.tmp\" \"$DIR/check\") &");
+    ASSERT_TRUE(eventually([&] { return !read_file(run.dir.path("check")).empty(); }, kWait));
+    const std::string check = read_file(run.dir.path("check"));
+    for (const auto& [finding, given, line, comes] : c.rows) {
+      EXPECT_EQ(check.find("\n" + finding) != std::string::npos, given) << finding << "\n" << check;
+      std::string want = with_pids(line, run);
+      EXPECT_EQ(eventually([&] { return logged(run.messages(), want); }, comes ? 2 * kWait : 0),
+                comes)
+          << want << "\n"
+          << android::base::Join(run.messages(), "\n");
+    }
   }
-  EXPECT_EQ(count(m, std::get<2>(rows[0])), 0);
-  for (size_t k : {0, 1, 5}) {  // a pid may start another's: whole lines
-    EXPECT_EQ(count(m, "I dumped " + run.pid(k)) + count(m, "I dumped " + run.pid(k) + " D"), 0);
-  }
-  for (size_t r = 1; r < std::size(rows); ++r) EXPECT_GT(count(m, std::get<2>(rows[r])), 0) << r;
-  EXPECT_EQ(run.signals(4), "sig=3\nsig=35\n");
 }
 
 TEST(Scenario, RebootEndsTheInitOfThePidNamespace) {

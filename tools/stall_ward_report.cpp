@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "cli.h"
 #include "report/fleet.h"
 #include "report/report.h"
 
@@ -71,6 +72,8 @@ static const char kHelp[] =
     "               the schema and the query that gives\n"
     "               the --summary table from it)\n"
     "  --jobs N     read N inputs at a time (default: one per processor)\n"
+    "  -h, --help   this text\n"
+    "  --version    the version\n"
     "An input that cannot be read is named on stderr and skipped; the others are read. A\n"
     "progress line goes to stderr when it is a terminal.\n"
     "\n"
@@ -91,8 +94,10 @@ int main(int argc, char** argv) {
       {"html", required_argument, nullptr, 'o'}, {"json", no_argument, nullptr, 'j'},
       {"stats", no_argument, nullptr, 's'},      {"summary", no_argument, nullptr, 'S'},
       {"jsonl", no_argument, nullptr, 'l'},      {"jobs", required_argument, nullptr, 'J'},
-      {"help", no_argument, nullptr, 'h'},       {nullptr, 0, nullptr, 0}};
-  for (int c; (c = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
+      {"help", no_argument, nullptr, 'h'},       {"version", no_argument, nullptr, cli::kVersionOption},
+      {nullptr, 0, nullptr, 0}};
+  opterr = 0;
+  for (int c; (c = getopt_long(argc, argv, ":h", options, nullptr)) != -1;) {
     if (c == 'o') {
       html = optarg;
     } else if (c == 'j') {
@@ -108,16 +113,25 @@ int main(int argc, char** argv) {
     } else if (c == 'h') {
       fputs(kHelp, stdout);
       return EX_OK;
-    } else {
-      fputs(kHelp, stderr);
+    } else if (c == cli::kVersionOption) {
+      return cli::version("stall_ward_report");
+    } else if (c == 'J') {
+      cli::error("stall_ward_report", "--jobs takes a count above 0, not \"%s\"", optarg);
       return EX_USAGE;
+    } else {
+      return cli::bad_option("stall_ward_report", c, argv);
     }
   }
   inputs.assign(argv + optind, argv + argc);
   // No input, or outputs that exclude each other (--summary or --jsonl beside --json, --jsonl
   // beside a page).
-  if (inputs.empty() || (summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
-    fputs(kHelp, stderr);
+  if (inputs.empty()) {
+    cli::error("stall_ward_report", "no input: name logs, bug reports or folders (see --help)");
+    return EX_USAGE;
+  }
+  if ((summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
+    cli::error("stall_ward_report", "--summary and --jsonl each stand alone: --summary takes no "
+                                    "--json or --jsonl, --jsonl no --json or --html");
     return EX_USAGE;
   }
   bool failed = false;

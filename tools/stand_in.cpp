@@ -1,22 +1,5 @@
-// A stand-in for a monitored process. Started with the command line a test chooses (argv[0] such
-// as /system/bin/system_server), it names its threads and puts each into a chosen state, then
-// prints one line "<pid> <tid> ..." on stdout once every thread is in place, the threads' ids in
-// the order of the --thread options.
-//
-//   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
-//                        child that never exits (uninterruptible), P runs now and then (progress),
-//                        W works for three seconds and then wedges as in D, N keeps renaming
-//                        itself between NAME and "renamed", B makes a binder call to the context
-//                        manager of /dev/binder that is never answered (see stand_in_binder.h)
-//   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
-//   --main-name NAME     the main thread's name (default: the base name of argv[0])
-//   --life MS            end the whole process after MS milliseconds
-//   --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
-//                        taken on a thread of their own, as an app runtime's signal catcher does
-//   --serve DEVICE,WHAT  serve binder calls as stand_in_binder.h says (DEVICE,WHAT)
-//   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
-//                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
-//                        before --spawn are the parent's
+// A stand-in for a monitored process, for the demo and the tests (kUsage says what it does).
+#include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
 #include <pthread.h>
@@ -27,15 +10,45 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "cli.h"
 #include "stand_in_binder.h"
 
 namespace {
+
+constexpr const char* kTool = "stand_in";
+const char kUsage[] = R"(usage: stand_in [OPTION...] [--spawn ARGS...]
+
+A stand-in for a monitored process. Started with the command line a test chooses (argv[0] such
+as /system/bin/system_server), it names its threads and puts each into a chosen state, then
+prints one line "<pid> <tid> ..." on stdout once every thread is in place, the threads' ids in
+the order of the --thread options.
+
+  --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
+                       child that never exits (uninterruptible), P runs now and then (progress),
+                       W works for three seconds and then wedges as in D, N keeps renaming
+                       itself between NAME and "renamed", E sleeps two seconds and exits, B
+                       makes a binder call to the context manager of /dev/binder that is never
+                       answered (stand_in_binder.h)
+  --main STATE         the main thread: S (default) sleeps, Z exits while the others live
+  --main-name NAME     the main thread's name (default: the base name of argv[0])
+  --life MS            end the whole process after MS milliseconds
+  --signals FILE       append "sig=N" to FILE for each SIGQUIT or signal 35 received; they are
+                       taken on a thread of their own, as an app runtime's signal catcher does
+  --serve DEVICE,WHAT  serve binder calls as stand_in_binder.h says
+  --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
+                       stand-in, whose argv[0] is the first of ARGS, and wait; the options
+                       before --spawn are the parent's
+  -h, --help           this text
+  --version            the version
+)";
 
 constexpr int kDumpSignal = 35;
 
@@ -47,7 +60,7 @@ struct ThreadPlan {
 };
 
 [[noreturn]] void die(const char* what) {
-  perror(what);
+  cli::error(kTool, "%s: %s", what, strerror(errno));
   _exit(2);
 }
 
@@ -113,6 +126,9 @@ void* run_thread(void* arg) {
         set_name(own ? plan->name : "renamed");
         sleep_ms(3);
       }
+    case 'E':
+      sleep_ms(2000);
+      return nullptr;
     case 'P':
       for (;;) {
         sleep_ms(50);
@@ -162,19 +178,20 @@ void* catch_signals(void*) {
   }
 }
 
-}  // namespace
 
-int main(int argc, char** argv) {
-  // Static: a main thread that exits unwinds main's locals while the other threads go on.
-  static std::vector<ThreadPlan> threads;
-  threads.reserve(static_cast<size_t>(argc));
+// What the command line asks of the process.
+struct Plan {
+  std::vector<ThreadPlan>* threads = nullptr;
   char main_state = 'S';
   int life_ms = 0;
-  std::string base = argv[0];
-  std::string main_name = base.substr(base.rfind('/') + 1);
-  set_name(main_name);
+  std::string main_name;
   char** spawn_argv = nullptr;
   bool serving = false;
+};
+
+// Reads the options into plan; the exit status where the run ends here (help, version, a bad
+// option).
+std::optional<int> parse_options(int argc, char** argv, Plan* plan) {
   const option options[] = {{"thread", required_argument, nullptr, 't'},
                             {"main", required_argument, nullptr, 'm'},
                             {"main-name", required_argument, nullptr, 'n'},
@@ -182,33 +199,63 @@ int main(int argc, char** argv) {
                             {"signals", required_argument, nullptr, 's'},
                             {"spawn", no_argument, nullptr, 'c'},
                             {"serve", required_argument, nullptr, 'b'},
+                            {"help", no_argument, nullptr, 'h'},
+                            {"version", no_argument, nullptr, cli::kVersionOption},
                             {nullptr, 0, nullptr, 0}};
+  opterr = 0;
   // "+": options end at --spawn, whose arguments are the child's whole command line.
-  for (int c;
-       spawn_argv == nullptr && (c = getopt_long(argc, argv, "+", options, nullptr)) != -1;) {
+  for (int c; plan->spawn_argv == nullptr &&
+              (c = getopt_long(argc, argv, "+:h", options, nullptr)) != -1;) {
     std::string value = optarg != nullptr ? optarg : "";
-    if (c == 't') {
-      size_t colon = value.rfind(':');
-      if (colon == std::string::npos || colon + 2 != value.size()) die("--thread NAME:STATE");
-      threads.push_back({value.substr(0, colon), value[colon + 1]});
+    size_t colon = value.rfind(':');
+    if (c == 't' && colon != std::string::npos && colon + 2 == value.size()) {
+      plan->threads->push_back({value.substr(0, colon), value[colon + 1]});
+    } else if (c == 't') {
+      cli::error(kTool, "--thread takes NAME:STATE, not \"%s\"", value.c_str());
+      return EX_USAGE;
     } else if (c == 'm') {
-      main_state = value[0];
+      plan->main_state = value[0];
     } else if (c == 'n') {
-      main_name = value;
+      plan->main_name = value;
     } else if (c == 'l') {
-      life_ms = atoi(optarg);
+      plan->life_ms = atoi(optarg);
     } else if (c == 's') {
       signal_file = optarg;
+    } else if (c == 'b' && stand_in::binder_serve_setup(value)) {
+      plan->serving = true;
     } else if (c == 'b') {
-      serving = true;
-      if (!stand_in::binder_serve_setup(value)) die("--serve");
+      cli::error(kTool, "--serve: no binder service \"%s\"", value.c_str());
+      return EX_USAGE;
     } else if (c == 'c' && optind < argc) {
-      spawn_argv = argv + optind;
+      plan->spawn_argv = argv + optind;
+    } else if (c == 'c') {
+      cli::error(kTool, "--spawn needs a command line (see %s --help)", kTool);
+      return EX_USAGE;
+    } else if (c == 'h') {
+      fputs(kUsage, stdout);
+      return EX_OK;
+    } else if (c == cli::kVersionOption) {
+      return cli::version(kTool);
     } else {
-      die("unknown option");
+      return cli::bad_option(kTool, c, argv);
     }
   }
-  set_name(main_name);
+  return std::nullopt;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Static: a main thread that exits unwinds main's locals while the other threads go on.
+  static std::vector<ThreadPlan> threads;
+  threads.reserve(static_cast<size_t>(argc));
+  Plan plan;
+  plan.threads = &threads;
+  std::string base = argv[0];
+  plan.main_name = base.substr(base.rfind('/') + 1);
+  set_name(plan.main_name);
+  if (std::optional<int> done = parse_options(argc, argv, &plan)) return *done;
+  set_name(plan.main_name);
   setvbuf(stdout, nullptr, _IONBF, 0);
 
   if (signal_file != nullptr) {
@@ -220,14 +267,14 @@ int main(int argc, char** argv) {
     pthread_t catcher;
     if (pthread_create(&catcher, nullptr, catch_signals, nullptr) != 0) die("pthread_create");
   }
-  if (spawn_argv != nullptr) spawn_child(spawn_argv);
+  if (plan.spawn_argv != nullptr) spawn_child(plan.spawn_argv);
   for (ThreadPlan& plan : threads) {
     pthread_t thread;
     if (pthread_create(&thread, nullptr, run_thread, &plan) != 0) die("pthread_create");
   }
   // Wait until each thread is in its state, so that the test samples what it asked for.
   for (ThreadPlan& plan : threads) {
-    char want = plan.state == 'B' ? 'S' : plan.state == 'P' || plan.state == 'W' || plan.state == 'N' ? '\0' : plan.state;
+    char want = plan.state == 'B' ? 'S' : strchr("PWNE", plan.state) != nullptr ? '\0' : plan.state;
     for (int tries = 0;; ++tries) {
       pid_t tid = __atomic_load_n(&plan.tid, __ATOMIC_SEQ_CST);
       bool ready = __atomic_load_n(&plan.ready, __ATOMIC_SEQ_CST) != 0;
@@ -240,15 +287,15 @@ int main(int argc, char** argv) {
   for (const ThreadPlan& plan : threads) line += " " + std::to_string(plan.tid);
   line += "\n";
   if (write(STDOUT_FILENO, line.data(), line.size()) < 0) die("write");
-  if (life_ms > 0) {
+  if (plan.life_ms > 0) {
     pthread_t ender;
     auto end = [](void* ms) -> void* {
       sleep_ms(static_cast<long>(reinterpret_cast<intptr_t>(ms)));
       _exit(0);
     };
-    pthread_create(&ender, nullptr, end, reinterpret_cast<void*>(static_cast<intptr_t>(life_ms)));
+    pthread_create(&ender, nullptr, end, reinterpret_cast<void*>(static_cast<intptr_t>(plan.life_ms)));
   }
-  if (main_state == 'Z') pthread_exit(nullptr);
-  if (serving) stand_in::binder_serve();
+  if (plan.main_state == 'Z') pthread_exit(nullptr);
+  if (plan.serving) stand_in::binder_serve();
   for (;;) pause();
 }
