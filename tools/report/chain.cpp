@@ -52,13 +52,15 @@ void by_process_list(const PsThread& task, Hop* hop) {
   }
 }
 
-// Fills in how the hop's thread waits; the next thread to follow, 0 when the chain ends here.
-int step(const Story& story, Hop* hop, Chain* chain) {
+// Fills in how the hop's thread waits; the next thread to follow (its process in *pid where the
+// evidence names it), 0 when the chain ends here.
+int step(const Story& story, Hop* hop, Chain* chain, int* pid) {
   const Across& across = story.across;
   if (const BinderCall* call = across.binder.state.outgoing_of(hop->tid)) {
     hop->waits = "binder call";
     hop->evidence = call_evidence(*call);
     hop->age_ms = call->elapsed_ms;
+    *pid = call->to_pid;
     if (call->to_tid != 0) return call->to_tid;
     Hop callee;
     callee.pid = call->to_pid;
@@ -81,6 +83,9 @@ int step(const Story& story, Hop* hop, Chain* chain) {
   }
   if (const PsThread* task = across.ps.list.task(hop->tid)) {
     by_process_list(*task, hop);
+  } else if (!across.ps_read) {
+    hop->waits = "nothing known";
+    hop->evidence = "no process list or kernel dump in the input";
   } else {
     hop->waits = "gone";
     hop->evidence = "no input lists the thread";
@@ -95,9 +100,11 @@ Chain follow_chain(const Story& story, const Incident& in) {
   const Across& across = story.across;
   if (!across.binder_read || in.tid <= 0) return chain;
   std::set<int> tids, pids;
-  for (int tid = in.tid; tid > 0 && chain.hops.size() < 32;) {
+  for (int tid = in.tid, pid = in.pid; tid > 0 && chain.hops.size() < 32;) {
     Hop hop;
     hop.tid = tid;
+    hop.pid = pid;
+    pid = 0;
     if (const PsThread* task = across.ps.list.task(tid)) {
       hop.pid = task->pid;
       hop.thread = task->name;
@@ -113,7 +120,7 @@ Chain follow_chain(const Story& story, const Incident& in) {
       chain.hops.push_back(hop);
       break;
     }
-    tid = step(story, &hop, &chain);
+    tid = step(story, &hop, &chain, &pid);
     int64_t since = clock_ms(in.since);
     if (chain.hops.empty() && hop.age_ms < 0 && since >= 0 && in.evidence_ms >= since) {
       hop.age_ms = in.evidence_ms - since;  // the kernel prints no age: the daemon's stall
@@ -129,7 +136,8 @@ Chain follow_chain(const Story& story, const Incident& in) {
     chain.missing =
         "the process list (a bug report's PROCESSES AND THREADS, ps -A -T) would name "
         "the processes and threads";
-  } else if (last.waits == "lock" || last.waits == "nothing known") {
+  }
+  if (across.ps_read && (last.waits == "lock" || last.waits == "nothing known")) {
     chain.missing = "a Java or native dump of " + (last.process.empty() ? "pid" : last.process) +
                     " (pid " + std::to_string(last.pid) + ") would show where thread " +
                     std::to_string(last.tid) + " waits";
@@ -142,7 +150,7 @@ Chain follow_chain(const Story& story, const Incident& in) {
 namespace {
 
 std::string who(const Hop& hop) {
-  std::string name = hop.process.empty() ? "pid " + std::to_string(hop.pid) : hop.process;
+  std::string name = hop.process.empty() ? "a process no input names" : hop.process;
   if (hop.tid == 0) return name + " (pid " + std::to_string(hop.pid) + ")";
   return name + " (pid " + std::to_string(hop.pid) + ", thread " +
          (hop.thread.empty() ? "" : hop.thread + " ") + std::to_string(hop.tid) + ")";
