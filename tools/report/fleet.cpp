@@ -479,14 +479,15 @@ std::string Summary::html(const FleetStats& stats) const {
       "<h1>Hangs by signature</h1><p>%zu inputs read (%.1f MB), %zu with incidents, %zu damaged "
       "and skipped.</p>\n<table class=\"summary\"><tr><th>count</th><th>devices</th>"
       "<th>builds</th><th>first seen</th><th>last seen</th><th>process</th><th>thread</th>"
-      "<th>state</th><th>top frames</th><th>blocker</th><th>signature</th></tr>\n",
+      "<th>state</th><th>top frames</th><th>blocker</th><th>culprit</th><th>signature</th></tr>\n",
       stats.inputs, static_cast<double>(stats.bytes) / 1e6, stats.with_incidents, stats.damaged);
   std::vector<const Row*> sorted = by_count(rows);
   for (const Row* r : sorted) {
     s += StringPrintf("<tr class=\"signature\"><td>%zu</td><td>%zu</td><td>%zu</td>", r->count,
                       r->devices.size(), r->builds.size());
     s += "<td class=\"t\">" + r->first + "</td><td class=\"t\">" + r->last + "</td>";
-    for (const std::string* cell : {&r->process, &r->thread, &r->state, &r->frames, &r->blocker})
+    for (const std::string* cell :
+         {&r->process, &r->thread, &r->state, &r->frames, &r->blocker, &r->culprit})
       s += "<td>" + escape(*cell) + "</td>";
     s += "<td><a href=\"#" + r->signature + "\">" + r->signature + "</a></td></tr>\n";
   }
