@@ -355,7 +355,9 @@ bool passed_over(std::string_view l) {
   std::string_view tag = rest.substr(0, colon);
   while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
   while (!tag.empty() && (tag[0] == ' ' || tag[0] == '\t')) tag.remove_prefix(1);
-  return tag != "stall_ward" && tag != "Watchdog" && !may_start_dump(rest);
+  // the platform watchdog's lines are read too
+  if (tag.size() == 8 && memcmp(tag.data(), "Watchdog", 8) == 0) return false;
+  return tag != "stall_ward" && !may_start_dump(rest);
 }
 
 void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* stats,
