@@ -33,8 +33,6 @@ struct BinderState {
   // The call `tid` waits for: its outgoing transaction (else one it sent, as another process
   // lists it); null when the state shows none.
   const BinderCall* outgoing_of(int tid) const;
-  // The call the thread `tid` is handling that it has not answered: its incoming transaction.
-  const BinderCall* incoming_of(int tid) const;
 };
 
 // Lines of the driver's state, in any kernel's layout from 2.6 to 6.x (with or without

@@ -129,11 +129,4 @@ const BinderCall* BinderState::outgoing_of(int tid) const {
   return found;
 }
 
-const BinderCall* BinderState::incoming_of(int tid) const {
-  for (const BinderCall& call : calls) {
-    if (call.kind == "incoming" && call.to_tid == tid && tid != 0) return &call;
-  }
-  return nullptr;
-}
-
 }  // namespace report
