@@ -76,6 +76,37 @@ TEST(Across, FollowsTheRealDriversCallsToTheCulprit) {
   }
 }
 
+// How the callee waits in the kernel, told from its stack: I/O, lock contention, or else.
+TEST(Across, TellsHowTheCalleeWaitsInTheKernel) {
+  struct Case {
+    std::vector<std::string> stack;
+    const char* said;
+  } cases[] = {
+      {{"__schedule", "io_schedule", "folio_wait_bit_common", "filemap_fault"},
+       "which is blocked on I/O in `folio_wait_bit_common`"},
+      {{"schedule", "__mutex_lock", "mutex_lock", "ext4_sync_file"},
+       "which waits in lock contention in `__mutex_lock`"},
+      {{"schedule", "mmc_wait_for_req", "mmc_blk_mq_issue_rq"},
+       "which waits in the kernel in `mmc_wait_for_req`"},
+  };
+  for (const Case& c : cases) {
+    report::Story story;
+    story.across.add_section_line(
+        "BINDER STATE", "  outgoing transaction 7: 0 from 10:11 to 20:20 code 1 flags 10 pri 0 r1");
+    story.across.finish();
+    report::KernelDump dump;
+    dump.tasks.push_back({"sensors", 'D', 20, 1, c.stack, {}, ""});
+    story.dumps.push_back(dump);
+    report::Incident in;
+    in.pid = 10;
+    in.tid = 11;
+    report::Chain chain = report::follow_chain(story, in);
+    std::vector<std::string> said = report::chain_account(story, in, chain);
+    ASSERT_FALSE(said.empty());
+    EXPECT_NE(said[0].find(c.said), std::string::npos) << said[0];
+  }
+}
+
 // The platform watchdog's verdict on the same process, in its log or a trace's Subject: line,
 // is joined to the daemon's incident.
 TEST(Across, JoinsThePlatformWatchdogsVerdict) {

@@ -156,9 +156,23 @@ std::string who(const Hop& hop) {
          (hop.thread.empty() ? "" : hop.thread + " ") + std::to_string(hop.tid) + ")";
 }
 
+bool frame_has(const std::vector<std::string>& stack, std::initializer_list<const char*> parts) {
+  for (const std::string& frame : stack) {
+    for (const char* part : parts) {
+      if (frame.find(part) != std::string::npos) return true;
+    }
+  }
+  return false;
+}
+
 // What the hop's thread does, after "which".
 std::string how(const Hop& hop) {
   std::string at = hop.where.empty() ? "" : " in `" + hop.where + "`";
+  if (hop.waits == "kernel" && frame_has(hop.stack, {"io_schedule", "wait_on_page", "bit_wait_io"}))
+    return "is blocked on I/O" + at;
+  if (hop.waits == "kernel" && frame_has(hop.stack, {"mutex_lock", "rwsem_down", "down_read",
+                                                     "down_write", "rt_mutex"}))
+    return "waits in lock contention" + at;
   if (hop.waits == "kernel") return "waits in the kernel" + at;
   if (hop.waits == "kernel lock") return "waits in the kernel" + at + " for a lock";
   if (hop.waits == "lock") return "waits on a lock (a futex)";
