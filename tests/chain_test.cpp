@@ -107,6 +107,31 @@ TEST(Across, TellsHowTheCalleeWaitsInTheKernel) {
   }
 }
 
+// A watched thread that waits for a Java monitor: the chain goes on from the monitor's holder.
+TEST(Across, GoesOnFromTheJavaMonitorsHolder) {
+  report::Story story;
+  story.across.add_section_line(
+      "BINDER STATE", "  outgoing transaction 7: 0 from 10:12 to 20:20 code 1 flags 10 pri 0 r1");
+  story.across.finish();
+  report::ProcessDump dump;
+  dump.pid = 10;
+  dump.threads.push_back({"watchdog", "Blocked", 11, 9, {}, "<0x1> (a Foo)", 2});
+  dump.threads.push_back({"android.ui", "Native", 12, 2, {}, "", 0});
+  story.stacks.push_back(dump);
+  report::Incident in;
+  in.pid = 10;
+  in.tid = 11;
+  in.java = 0;
+  report::Chain chain = report::follow_chain(story, in);
+  ASSERT_EQ(chain.hops.size(), 3u);
+  EXPECT_EQ(chain.hops[0].waits, "monitor");
+  EXPECT_EQ(chain.hops[1].tid, 12);
+  EXPECT_EQ(chain.hops[2].pid, 20);
+  EXPECT_NE(report::chain_account(story, in, chain)[0].find(
+                "waits for the monitor <0x1> (a Foo) held by "),
+            std::string::npos);
+}
+
 // The platform watchdog's verdict on the same process, in its log or a trace's Subject: line,
 // is joined to the daemon's incident.
 TEST(Across, JoinsThePlatformWatchdogsVerdict) {

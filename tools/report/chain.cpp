@@ -93,6 +93,31 @@ int step(const Story& story, Hop* hop, Chain* chain, int* pid) {
   return 0;
 }
 
+// Where the watched thread waits for a Java monitor (its process's Java dump answering the
+// evidence), the first hop is that wait and the chain goes on from the last holder; else from the
+// thread itself.
+int monitor_holder(const Story& story, const Incident& in, Chain* chain) {
+  if (in.java < 0) return in.tid;
+  const ProcessDump& dump = story.stacks[in.java];
+  for (size_t t = 0; t < dump.threads.size(); ++t) {
+    bool deadlock = false;
+    if (dump.threads[t].tid != in.tid || dump.threads[t].waits_for.empty()) continue;
+    std::vector<size_t> holders = monitor_chain(dump, t, &deadlock);
+    if (deadlock || holders.size() < 2) return in.tid;
+    Hop hop;
+    hop.process = in.process;
+    hop.thread = in.record;
+    hop.pid = in.pid;
+    hop.tid = in.tid;
+    hop.waits = "monitor";
+    hop.where = dump.threads[t].waits_for;
+    hop.evidence = "Java dump " + dump.when + ": waiting to lock " + hop.where;
+    chain->hops.push_back(hop);
+    return dump.threads[holders.back()].tid;
+  }
+  return in.tid;
+}
+
 }  // namespace
 
 Chain follow_chain(const Story& story, const Incident& in) {
@@ -100,7 +125,8 @@ Chain follow_chain(const Story& story, const Incident& in) {
   const Across& across = story.across;
   if (!across.binder_read || in.tid <= 0) return chain;
   std::set<int> tids, pids;
-  for (int tid = in.tid, pid = in.pid; tid > 0 && chain.hops.size() < 32;) {
+  int start = monitor_holder(story, in, &chain);
+  for (int tid = start, pid = in.pid; tid > 0 && chain.hops.size() < 32;) {
     Hop hop;
     hop.tid = tid;
     hop.pid = pid;
@@ -109,11 +135,11 @@ Chain follow_chain(const Story& story, const Incident& in) {
       hop.pid = task->pid;
       hop.thread = task->name;
     }
-    if (chain.hops.empty()) {
+    if (tid == in.tid) {
       hop.pid = in.pid;
       hop.thread = in.record;
     }
-    hop.process = chain.hops.empty() ? in.process : across.ps.list.process_name(hop.pid);
+    hop.process = hop.pid == in.pid ? in.process : across.ps.list.process_name(hop.pid);
     if (!tids.insert(tid).second) {
       hop.waits = "cycle";
       chain.cycle = true;
@@ -130,7 +156,9 @@ Chain follow_chain(const Story& story, const Incident& in) {
     pids.insert(hop.pid);
     chain.hops.push_back(hop);
   }
-  if (chain.hops.size() < 2) return Chain();  // no call out of the process: nothing to follow
+  bool out = false;
+  for (const Hop& hop : chain.hops) out = out || hop.waits == "binder call";
+  if (!out) return Chain();  // no call out of the process: the account has said it all
   const Hop& last = chain.hops.back();
   if (!across.ps_read) {
     chain.missing =
@@ -170,8 +198,8 @@ std::string how(const Hop& hop) {
   std::string at = hop.where.empty() ? "" : " in `" + hop.where + "`";
   if (hop.waits == "kernel" && frame_has(hop.stack, {"io_schedule", "wait_on_page", "bit_wait_io"}))
     return "is blocked on I/O" + at;
-  if (hop.waits == "kernel" && frame_has(hop.stack, {"mutex_lock", "rwsem_down", "down_read",
-                                                     "down_write", "rt_mutex"}))
+  if (hop.waits == "kernel" &&
+      frame_has(hop.stack, {"mutex_lock", "rwsem_down", "down_read", "down_write", "rt_mutex"}))
     return "waits in lock contention" + at;
   if (hop.waits == "kernel") return "waits in the kernel" + at;
   if (hop.waits == "kernel lock") return "waits in the kernel" + at + " for a lock";
@@ -207,16 +235,18 @@ std::string pressure_words(const std::vector<Pressure>& all) {
 std::vector<std::string> chain_account(const Story& story, const Incident& in, const Chain& chain) {
   std::vector<std::string> out;
   if (!chain.hops.empty()) {
-    std::string text = "waits" + seconds(chain.hops[0].age_ms) + " for a binder call into ";
-    for (size_t i = 1; i < chain.hops.size(); ++i) {
+    std::string text;
+    for (size_t i = 0; i < chain.hops.size(); ++i) {
       const Hop& hop = chain.hops[i];
       if (hop.waits == "cycle") {
-        text += ", and so back to " + who(hop);
+        text += who(hop) + " again";
         break;
       }
-      text += who(hop) + ", which ";
+      if (i > 0) text += who(hop) + ", which ";
       if (hop.waits == "binder call") {
         text += "waits" + seconds(hop.age_ms) + " for a binder call into ";
+      } else if (hop.waits == "monitor") {
+        text += "waits for the monitor " + hop.where + " held by ";
       } else {
         text += how(hop);
       }
