@@ -217,6 +217,30 @@ std::string culprit_of(const Chain& chain) {
          last.waits + (where.empty() ? "" : " in " + where);
 }
 
+// The signature: of the culprit where there is one (the same root cause seen from different
+// victims is one), else of the victim's place, stacks and blocker.
+void sign(Hang* h) {
+  Chain self;  // a thread blocked in the kernel with no call out is its own culprit
+  if (h->chain.hops.empty() && h->state == 'D' && !h->kernel.empty()) {
+    Hop hop;
+    hop.process = h->process;
+    hop.thread = h->thread;
+    hop.waits = "kernel";
+    hop.stack = h->kernel_stack;
+    self.hops.push_back(hop);
+  }
+  h->culprit = culprit_of(h->chain.hops.empty() ? self : h->chain);
+  std::string key =
+      h->culprit.empty()
+          ? Join(std::vector<std::string>{std::to_string(kSignatureVersion), h->process,
+                                          h->thread, std::string(1, h->state), h->frames,
+                                          h->blocker},
+                 '\n')
+          : std::to_string(kSignatureVersion) + "\nculprit\n" + h->culprit;
+  h->signature = StringPrintf("v%d-%016llx", kSignatureVersion,
+                              static_cast<unsigned long long>(fnv1a(key)));
+}
+
 }  // namespace
 
 std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
@@ -261,26 +285,7 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
       }
       h.frames = Join(parts, "; ");
       h.chain = follow_chain(story, in);
-      Chain self;  // a thread blocked in the kernel with no call out is its own culprit
-      if (h.chain.hops.empty() && in.state == 'D' && !h.kernel.empty()) {
-        Hop hop;
-        hop.process = in.process;
-        hop.thread = in.record;
-        hop.waits = "kernel";
-        hop.stack = h.kernel_stack;
-        self.hops.push_back(hop);
-      }
-      h.culprit = culprit_of(h.chain.hops.empty() ? self : h.chain);
-      // The same root cause seen from different victims is one: a chain signs by its culprit.
-      std::string key =
-          h.culprit.empty()
-              ? Join(std::vector<std::string>{std::to_string(kSignatureVersion), h.process,
-                                              h.thread, std::string(1, h.state), h.frames,
-                                              h.blocker},
-                     '\n')
-              : std::to_string(kSignatureVersion) + "\nculprit\n" + h.culprit;
-      h.signature = StringPrintf("v%d-%016llx", kSignatureVersion,
-                                 static_cast<unsigned long long>(fnv1a(key)));
+      sign(&h);
       hangs.push_back(std::move(h));
     }
   }
