@@ -232,13 +232,12 @@ void sign(Hang* h) {
   h->culprit = culprit_of(h->chain.hops.empty() ? self : h->chain);
   std::string key =
       h->culprit.empty()
-          ? Join(std::vector<std::string>{std::to_string(kSignatureVersion), h->process,
-                                          h->thread, std::string(1, h->state), h->frames,
-                                          h->blocker},
+          ? Join(std::vector<std::string>{std::to_string(kSignatureVersion), h->process, h->thread,
+                                          std::string(1, h->state), h->frames, h->blocker},
                  '\n')
           : std::to_string(kSignatureVersion) + "\nculprit\n" + h->culprit;
-  h->signature = StringPrintf("v%d-%016llx", kSignatureVersion,
-                              static_cast<unsigned long long>(fnv1a(key)));
+  h->signature =
+      StringPrintf("v%d-%016llx", kSignatureVersion, static_cast<unsigned long long>(fnv1a(key)));
 }
 
 }  // namespace
@@ -405,9 +404,8 @@ void Summary::add(Hang h) {
   // thread, state, frames and blocker, as the query does.
   std::vector<std::string> victim = {h.process, h.thread, std::string(1, h.state), h.frames,
                                      h.blocker};
-  if (row.count++ == 0 ||
-      victim < std::vector<std::string>{row.process, row.thread, row.state, row.frames,
-                                        row.blocker}) {
+  if (row.count++ == 0 || victim < std::vector<std::string>{row.process, row.thread, row.state,
+                                                            row.frames, row.blocker}) {
     row.signature = h.signature;
     row.process = h.process;
     row.thread = h.thread;

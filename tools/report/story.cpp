@@ -488,7 +488,8 @@ void add_line(Builder* b, const Line& line) {
     seen.clock = line.clock;
     bool again = false;  // a log section written twice
     for (const WatchdogSeen& s : b->story.across.watchdog)
-      again = again || (s.clock == seen.clock && s.pid == seen.pid && s.line.kind == seen.line.kind);
+      again =
+          again || (s.clock == seen.clock && s.pid == seen.pid && s.line.kind == seen.line.kind);
     if (!again) b->story.across.watchdog.push_back(seen);
   } else if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
     if (repeated(b, line)) return;
