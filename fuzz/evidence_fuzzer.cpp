@@ -1,6 +1,8 @@
 // The report's readers of evidence on any text, line by line: parse_line and the kernel's dumps
 // (and their grouping by where tasks wait), the Java stack dumps and the tombstones; the monitor
-// chain of every thread ends within the dump's threads, a deadlock included.
+// chain of every thread ends within the dump's threads, a deadlock included; the binder state, the
+// process list, pressure and the platform watchdog's lines, and the chain across processes from
+// every thread the binder state names ends (cut or odd sections, cycles of any length).
 #include <android-base/strings.h>
 
 #include "report/report.h"
@@ -21,6 +23,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t t = 0; t < dump.threads.size(); ++t) {
       if (report::monitor_chain(dump, t, &deadlock).size() > dump.threads.size()) __builtin_trap();
     }
+  }
+  report::Story story;
+  for (const std::string& line : lines) {
+    for (const char* section : {"BINDER STATE", "PROCESSES AND THREADS", "PSI memory"})
+      story.across.add_section_line(section, line);
+    report::WatchdogLine watchdog;
+    report::parse_watchdog(line, &watchdog);
+  }
+  story.across.finish();
+  if (story.across.binder.state.calls.size() > lines.size()) __builtin_trap();
+  for (const report::BinderCall& call : story.across.binder.state.calls) {
+    report::Incident in;
+    in.pid = call.from_pid;
+    in.tid = call.from_tid;
+    report::Chain chain = report::follow_chain(story, in);
+    if (chain.hops.size() > 34) __builtin_trap();
+    report::chain_account(story, in, chain);
   }
   return 0;
 }

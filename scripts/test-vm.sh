@@ -79,7 +79,7 @@ printf '#!/bin/sh\n# A ps that hangs for 12 s.\nexec sleep 12\n' >$root/system/h
 chmod +x $root/system/hang/ps
 put $vm/arm64/tests/unit_tests /data/nativetest64/stall_ward_tests/stall_ward_tests
 cp $vm/arm64/stand_in $root/data/nativetest64/stall_ward_tests/stall_ward_stand_in
-for m in reed_solomon ramoops brd crc16 crc32c_generic mbcache jbd2 ext4; do
+for m in reed_solomon ramoops brd crc16 crc32c_generic mbcache jbd2 ext4 binder_linux; do
   cp "$(find "$modules" -name $m.ko)" $root/lib/modules/
 done
 cp scripts/vm/init $root/init
@@ -180,6 +180,16 @@ check() {
       has "stall_ward: long time cost: "
       has "sysrq: Show Blocked State"
       has "sysrq: Show backtrace of all active CPUs" ;;
+    binder | binder-d | binder-cycle)
+      # $pid is system_server's, $tid its watchdog thread's: its call is in the driver's state
+      has "stall_ward: dumped $pid"
+      line "@@ bugreport end"
+      has "outgoing transaction"
+      has " from $pid:$tid to "
+      case $name in
+        binder-d) has "task:vold            state:D" ;;
+        binder-cycle) has "context hwbinder" && has " HwBinder:" ;;
+      esac ;;
     unit)
       line "@@ unit status 0"
       has "[  PASSED  ]"
@@ -194,7 +204,7 @@ check() {
   fi
 }
 
-scenarios=(${@:-blocked ps zombie app panic reboot alarm unit})
+scenarios=(${@:-blocked ps zombie app panic reboot alarm binder binder-d binder-cycle unit})
 echo "== ${#scenarios[@]} boots, at most 4 at a time ($((SECONDS - start)) s so far)"
 t0=$SECONDS
 running=0

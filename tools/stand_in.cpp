@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "stand_in_binder.h"
 
 namespace {
 
@@ -34,7 +35,9 @@ the order of the --thread options.
   --thread NAME:STATE  a thread called NAME in STATE: S sleeps, R spins, D waits in vfork for a
                        child that never exits (uninterruptible), P runs now and then (progress),
                        W works for three seconds and then wedges as in D, N keeps renaming
-                       itself between NAME and "renamed", E sleeps two seconds and exits
+                       itself between NAME and "renamed", E sleeps two seconds and exits, B
+                       makes a binder call to the context manager of /dev/binder that is never
+                       answered (stand_in_binder.h)
   --main STATE         the main thread: S (default) sleeps, Z exits while the others live
   --main-name NAME     the main thread's name (default: the base name of argv[0])
   --life MS            end the whole process after MS milliseconds
@@ -44,6 +47,7 @@ the order of the --thread options.
                        the threads stamped when it arrived, written to DIR/trace_NN (as the
                        platform keeps them in /data/anr), and signal 35 as its crash handler does,
                        with a tombstone stamped when it arrived, DIR/tombstone_NN
+  --serve DEVICE,WHAT  serve binder calls as stand_in_binder.h says
   --spawn ARGS...      (a parent stand-in) run the rest of the command line as a child
                        stand-in, whose argv[0] is the first of ARGS, and wait; the options
                        before --spawn are the parent's
@@ -96,7 +100,7 @@ void* run_thread(void* arg) {
   ThreadPlan* plan = static_cast<ThreadPlan*>(arg);
   set_name(plan->name);
   __atomic_store_n(&plan->tid, gettid_(), __ATOMIC_SEQ_CST);
-  if (plan->state != 'D') __atomic_store_n(&plan->ready, 1, __ATOMIC_SEQ_CST);
+  if (plan->state != 'D' && plan->state != 'B') __atomic_store_n(&plan->ready, 1, __ATOMIC_SEQ_CST);
   switch (plan->state) {
     case 'R':
       for (volatile unsigned long i = 0;; ++i) {
@@ -120,6 +124,8 @@ void* run_thread(void* arg) {
         for (;;) pause();
       }
       break;
+    case 'B':
+      stand_in::binder_call("/dev/binder", &plan->ready);
     case 'N':
       for (bool own = false;; own = !own) {
         set_name(own ? plan->name : "renamed");
@@ -273,6 +279,7 @@ struct Plan {
   int life_ms = 0;
   std::string main_name;
   char** spawn_argv = nullptr;
+  bool serving = false;
 };
 
 // Reads the options into plan; the exit status where the run ends here (help, version, a bad
@@ -285,6 +292,7 @@ std::optional<int> parse_options(int argc, char** argv, Plan* plan) {
                             {"signals", required_argument, nullptr, 's'},
                             {"dumps", required_argument, nullptr, 'd'},
                             {"spawn", no_argument, nullptr, 'c'},
+                            {"serve", required_argument, nullptr, 'b'},
                             {"help", no_argument, nullptr, 'h'},
                             {"version", no_argument, nullptr, cli::kVersionOption},
                             {nullptr, 0, nullptr, 0}};
@@ -309,6 +317,11 @@ std::optional<int> parse_options(int argc, char** argv, Plan* plan) {
       signal_file = optarg;
     } else if (c == 'd') {
       dumps_dir = optarg;
+    } else if (c == 'b' && stand_in::binder_serve_setup(value)) {
+      plan->serving = true;
+    } else if (c == 'b') {
+      cli::error(kTool, "--serve: no binder service \"%s\"", value.c_str());
+      return EX_USAGE;
     } else if (c == 'c' && optind < argc) {
       plan->spawn_argv = argv + optind;
     } else if (c == 'c') {
@@ -357,7 +370,7 @@ int main(int argc, char** argv) {
   }
   // Wait until each thread is in its state, so that the test samples what it asked for.
   for (ThreadPlan& plan : threads) {
-    char want = strchr("PWNE", plan.state) != nullptr ? '\0' : plan.state;
+    char want = plan.state == 'B' ? 'S' : strchr("PWNE", plan.state) != nullptr ? '\0' : plan.state;
     for (int tries = 0;; ++tries) {
       pid_t tid = __atomic_load_n(&plan.tid, __ATOMIC_SEQ_CST);
       bool ready = __atomic_load_n(&plan.ready, __ATOMIC_SEQ_CST) != 0;
@@ -380,5 +393,6 @@ int main(int argc, char** argv) {
                    reinterpret_cast<void*>(static_cast<intptr_t>(plan.life_ms)));
   }
   if (plan.main_state == 'Z') pthread_exit(nullptr);
+  if (plan.serving) stand_in::binder_serve();
   for (;;) pause();
 }

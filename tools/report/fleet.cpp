@@ -213,6 +213,49 @@ bool before(const std::string& a, const std::string& b, bool first) {
   return a < b;
 }
 
+// The thread at fault as every device names it: its process, its thread without numbers, how it
+// waits and where (the kernel function without suffixes); of a deadlock, its processes in order.
+std::string culprit_of(const Chain& chain) {
+  if (chain.hops.empty()) return "";
+  if (chain.cycle) {
+    std::vector<std::string> members;
+    for (const Hop& hop : chain.hops) {
+      if (hop.waits != "cycle" && (hop.process.empty() || hop.process != chain.hops[0].process))
+        members.push_back(hop.process.empty() ? "?" : hop.process);
+    }
+    std::sort(members.begin(), members.end());
+    members.erase(std::unique(members.begin(), members.end()), members.end());
+    return "a deadlock across processes: " + Join(members, ", ");
+  }
+  const Hop& last = chain.hops.back();
+  std::string where = last.stack.empty() ? last.where : Join(kernel_top(last.stack), " < ");
+  return (last.process.empty() ? "?" : last.process) + " " + without_numbers(last.thread) + " " +
+         last.waits + (where.empty() ? "" : " in " + where);
+}
+
+// The signature: of the culprit where there is one (the same root cause seen from different
+// victims is one), else of the victim's place, stacks and blocker.
+void sign(Hang* h) {
+  Chain self;  // a thread blocked in the kernel with no call out is its own culprit
+  if (h->chain.hops.empty() && h->state == 'D' && !h->kernel.empty()) {
+    Hop hop;
+    hop.process = h->process;
+    hop.thread = h->thread;
+    hop.waits = "kernel";
+    hop.stack = h->kernel_stack;
+    self.hops.push_back(hop);
+  }
+  h->culprit = culprit_of(h->chain.hops.empty() ? self : h->chain);
+  std::string key =
+      h->culprit.empty()
+          ? Join(std::vector<std::string>{std::to_string(kSignatureVersion), h->process, h->thread,
+                                          std::string(1, h->state), h->frames, h->blocker},
+                 '\n')
+          : std::to_string(kSignatureVersion) + "\nculprit\n" + h->culprit;
+  h->signature =
+      StringPrintf("v%d-%016llx", kSignatureVersion, static_cast<unsigned long long>(fnv1a(key)));
+}
+
 }  // namespace
 
 std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
@@ -258,12 +301,8 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
         if (!top->empty()) parts.push_back(std::string(kind) + ": " + Join(*top, " < "));
       }
       h.frames = Join(parts, "; ");
-      std::string key =
-          Join(std::vector<std::string>{std::to_string(kSignatureVersion), h.process, h.thread,
-                                        std::string(1, h.state), h.frames, h.blocker},
-               '\n');
-      h.signature = StringPrintf("v%d-%016llx", kSignatureVersion,
-                                 static_cast<unsigned long long>(fnv1a(key)));
+      h.chain = follow_chain(story, in);
+      sign(&h);
       hangs.push_back(std::move(h));
     }
   }
@@ -370,6 +409,8 @@ std::string jsonl_line(const Hang& h) {
                               {"native_stack", h.native_stack},
                               {"frames", h.frames},
                               {"blocker", h.blocker},
+                              {"culprit", h.culprit},
+                              {"chain", chain_hops_json<nlohmann::ordered_json>(h.chain)},
                               {"signature", h.signature},
                               {"signature_version", kSignatureVersion}};
   return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -377,13 +418,19 @@ std::string jsonl_line(const Hang& h) {
 
 void Summary::add(Hang h) {
   Row& row = rows[h.signature];
-  if (row.count++ == 0) {
+  // Victims that share a culprit share the row: it shows the first of them in order of process,
+  // thread, state, frames and blocker, as the query does.
+  std::vector<std::string> victim = {h.process, h.thread, std::string(1, h.state), h.frames,
+                                     h.blocker};
+  if (row.count++ == 0 || victim < std::vector<std::string>{row.process, row.thread, row.state,
+                                                            row.frames, row.blocker}) {
     row.signature = h.signature;
     row.process = h.process;
     row.thread = h.thread;
-    row.state = std::string(1, h.state);
+    row.state = victim[2];
     row.frames = h.frames;
     row.blocker = h.blocker;
+    row.culprit = h.culprit;
   }
   if (!h.seen.empty() && (row.first.empty() || before(h.seen, row.first, true))) row.first = h.seen;
   if (!h.seen.empty() && (row.last.empty() || before(row.last, h.seen, false))) row.last = h.seen;
@@ -432,11 +479,11 @@ std::string escape(const std::string& text) {
 std::string Summary::table() const {
   std::string s =
       "count | devices | builds | first_seen | last_seen | process | thread | state | frames | "
-      "blocker | signature\n";
+      "blocker | culprit | signature\n";
   for (const Row* r : by_count(rows)) {
     s += StringPrintf("%zu | %zu | %zu | ", r->count, r->devices.size(), r->builds.size()) +
          Join(std::vector<std::string>{r->first, r->last, r->process, r->thread, r->state,
-                                       r->frames, r->blocker, r->signature},
+                                       r->frames, r->blocker, r->culprit, r->signature},
               " | ") +
          "\n";
   }
@@ -459,7 +506,7 @@ std::string Summary::html(const FleetStats& stats) const {
       "<h1>Hangs by signature</h1><p class=\"sub\">%zu inputs read (%.1f MB), %zu with "
       "incidents, %zu damaged and skipped.</p>\n<table class=\"fleet summary\"><tr><th>count</th>"
       "<th>devices</th><th>builds</th><th>first seen</th><th>last seen</th><th>process</th>"
-      "<th>thread</th><th>state</th><th>top frames</th><th>blocker</th><th>signature</th></tr>\n",
+      "<th>thread</th><th>state</th><th>top frames</th><th>blocker</th><th>culprit</th><th>signature</th></tr>\n",
       stats.inputs, static_cast<double>(stats.bytes) / 1e6, stats.with_incidents, stats.damaged);
   std::vector<const Row*> sorted = by_count(rows);
   for (const Row* r : sorted) {
@@ -468,7 +515,7 @@ std::string Summary::html(const FleetStats& stats) const {
          cell("builds", std::to_string(r->builds.size())) + cell("first seen", r->first, true) +
          cell("last seen", r->last, true) + cell("process", escape(r->process)) +
          cell("thread", escape(r->thread)) + cell("state", escape(r->state)) +
-         cell("top frames", escape(r->frames)) + cell("blocker", escape(r->blocker)) +
+         cell("top frames", escape(r->frames)) + cell("blocker", escape(r->blocker)) + cell("culprit", escape(r->culprit)) +
          cell("signature", "<a href=\"#" + r->signature + "\">" + r->signature + "</a>") +
          "</tr>\n";
   }

@@ -16,7 +16,7 @@ namespace report {
 
 // Bumped whenever what goes into a signature changes, so that signatures of two versions are
 // never taken for the same hang or for two.
-constexpr int kSignatureVersion = 1;
+constexpr int kSignatureVersion = 2;
 
 // One incident as the fleet sees it.
 struct Hang {
@@ -31,6 +31,10 @@ struct Hang {
   // and the scheduler's own frames; the blocker without ids.
   std::vector<std::string> kernel, java, native;
   std::string blocker, frames, signature;
+  // Across processes: the thread at fault (its process and thread without numbers, how it waits
+  // and where) or the processes of a deadlock, and the chain to it; empty without a chain.
+  std::string culprit;
+  Chain chain;
 };
 
 // The incidents of one input's story, signed.
@@ -54,7 +58,7 @@ std::string jsonl_line(const Hang& hang);
 // --jsonl lines gives), and the page that links each signature to its incidents.
 struct Summary {
   struct Row {
-    std::string signature, process, thread, state, frames, blocker, first, last;
+    std::string signature, process, thread, state, frames, blocker, culprit, first, last;
     size_t count = 0;
     std::vector<std::string> devices, builds;  // distinct, known ones only
     std::vector<Hang> incidents;               // for the page, without their stacks

@@ -218,6 +218,11 @@ struct SectionFilter {
       first = false;
       if (starts(l, "*** *** ***") || starts(l, "----- pid ") || starts(l, "Subject:"))
         from = Line::kStackDump;
+      if (starts(l, "binder state:") || starts(l, "binder transactions:") ||
+          starts(l, "binder proc state:")) {
+        from = Line::kSection;
+        source = "BINDER STATE";
+      }
       if (starts(l, "Panic#") || starts(l, "Oops#")) {
         from = Line::kLastBoot;
         return false;
@@ -255,6 +260,9 @@ struct SectionFilter {
         from = Line::kLastBoot;
       } else if (StartsWith(title, "VM TRACES") || StartsWith(title, "TOMBSTONE")) {
         from = Line::kStackDump;
+      } else if (title == "BINDER TRANSACTIONS" || title == "BINDER STATE" ||
+                 StartsWith(title, "PROCESSES AND THREADS") || StartsWith(title, "PSI ")) {
+        from = Line::kSection;
       } else {
         read = StartsWith(title, "SYSTEM LOG") || StartsWith(title, "KERNEL LOG");
       }
@@ -348,6 +356,8 @@ bool passed_over(std::string_view l) {
   std::string_view tag = rest.substr(0, colon);
   while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
   while (!tag.empty() && (tag[0] == ' ' || tag[0] == '\t')) tag.remove_prefix(1);
+  // the platform watchdog's lines are read too
+  if (tag.size() == 8 && memcmp(tag.data(), "Watchdog", 8) == 0) return false;
   return tag != "stall_ward" && !may_start_dump(rest);
 }
 
@@ -355,7 +365,8 @@ void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* 
                const Sink& sink) {
   while (!l.empty() && l.back() == '\r') l.remove_suffix(1);
   if (!filter->wants(l)) return;
-  if (filter->from != Line::kStackDump) {
+  bool as_is = filter->from == Line::kStackDump || filter->from == Line::kSection;
+  if (!as_is) {
     if (l.empty() || starts(l, "--------- beginning of ")) return;
     ++stats->lines;
     if (!cut && passed_over(l) && !sink.every_line()) return;
@@ -363,7 +374,7 @@ void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* 
   Line line;
   line.from = filter->from;
   line.section = filter->section;
-  if (line.from == Line::kStackDump) {
+  if (as_is) {
     line.tag = filter->source;
     line.text = l;
   } else if (cut || !parse_line(std::string(l), &line)) {

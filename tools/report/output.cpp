@@ -365,6 +365,8 @@ std::string incident_text(const Story& story, const Run& run, const Incident& in
   const KernelTask* task = in.dump >= 0 ? task_of(story.dumps[in.dump], in.tid) : nullptr;
   if (task != nullptr) s += "; kernel stack: " + stack_line(*task, 8);
   s += stacks_text(story, in);
+  for (const std::string& sentence : chain_account(story, in, follow_chain(story, in)))
+    s += "; " + sentence;
   return s +
          (task != nullptr || in.java >= 0 || in.native >= 0 ? "." : ". " + missing_dump(story, in));
 }
@@ -639,7 +641,7 @@ std::string stacks_html(const Story& story, const Incident& in) {
   std::string kernel = in.dump >= 0 ? kernel_blocker(story.dumps[in.dump], in.tid) : "";
   if (!kernel.empty())
     h += "<p class=\"blocker\"><b>In the kernel:</b> " + breakable(escape(kernel)) + "</p>";
-  return h;
+  return h + chain_html(story, in);
 }
 
 std::string incident_html(const Story& story, const Run& run, const Incident& in) {
@@ -1043,6 +1045,7 @@ std::string json_report(const Story& story) {
                                 {"actions", actions},
                                 {"kernel_dump", in.dump >= 0 ? json(in.dump) : json(nullptr)}});
       add_stacks_json(story, in, &r["incidents"].back());
+      add_chain_json(story, in, &r["incidents"].back());
     }
     for (const Mark& m : run.events) {
       r["events"].push_back({{"time", time(m.ms, m.clock)},

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "messages.h"
+#include "report/across.h"
 
 namespace report {
 
@@ -22,8 +23,10 @@ struct Line {
   enum Kind { kOther, kLogcat, kKernel } kind = kOther;
   // Where the line was read: the current boot's logs, the previous boot's (a bug report's LAST
   // LOGCAT and LAST KMSG, pstore's console-ramoops-0 and dmesg-ramoops-0), or a Java or native
-  // stack dump (then not parsed: `text` holds the line as it is).
-  enum From { kLog, kLastBoot, kStackDump } from = kLog;
+  // stack dump (then not parsed: `text` holds the line as it is), or a section read as it is (the
+  // binder driver's state, the process list, pressure: `tag` names the section, `text` holds the
+  // line).
+  enum From { kLog, kLastBoot, kStackDump, kSection } from = kLog;
   int section = 0;    // counts the inputs and a bug report's sections, to tell a repeated section
   std::string clock;  // logcat: "MM-DD hh:mm:ss.mmm" as printed; kernel: "[uptime]"
   int64_t ms = -1;    // logcat: milliseconds since the start of the year, -1 if unknown
@@ -276,6 +279,7 @@ struct Story {
   std::vector<Run> runs;
   std::vector<KernelDump> dumps;
   std::vector<ProcessDump> stacks;  // Java and native dumps
+  Across across;                    // the other processes: binder, process list, pressure
   InputStats input;
 };
 

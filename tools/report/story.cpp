@@ -577,8 +577,25 @@ void stack_line(Builder* b, const Line& line) {
 }
 
 void add_line(Builder* b, const Line& line) {
+  WatchdogSeen seen;
   if (line.from == Line::kStackDump) {
+    if (StartsWith(line.text, "Subject: ") && parse_watchdog(line.text, &seen.line)) {
+      seen.trace = line.tag;
+      b->story.across.watchdog.push_back(seen);
+    }
     stack_line(b, line);
+  } else if (line.from == Line::kSection) {
+    b->story.across.add_section_line(line.tag, line.text);
+  } else if (line.kind == Line::kLogcat && line.tag == "Watchdog" &&
+             parse_watchdog(line.text, &seen.line)) {
+    seen.pid = line.pid;
+    seen.ms = line.ms;
+    seen.clock = line.clock;
+    bool again = false;  // a log section written twice
+    for (const WatchdogSeen& s : b->story.across.watchdog)
+      again =
+          again || (s.clock == seen.clock && s.pid == seen.pid && s.line.kind == seen.line.kind);
+    if (!again) b->story.across.watchdog.push_back(seen);
   } else if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
     if (repeated(b, line)) return;
     ++b->story.input.daemon;
@@ -796,6 +813,15 @@ Story build_story(const std::vector<std::string>& paths) {
   }
   attach_dumps(&b.story, b.asked);
   attach_stacks(&b.story);
+  b.story.across.finish();
+  for (WatchdogSeen& seen : b.story.across.watchdog) {  // a trace's verdict: its dump's process
+    for (const ProcessDump& dump : b.story.stacks) {
+      if (seen.trace.empty() || dump.source != seen.trace || seen.pid != 0) continue;
+      seen.pid = dump.pid;
+      seen.ms = dump.ms;
+      seen.clock = dump.when;
+    }
+  }
   return std::move(b.story);
 }
 

@@ -1,0 +1,285 @@
+// The report across processes: the binder driver's state in each kernel's layout, who is who,
+// pressure and the platform watchdog's lines, and the chain from the watched thread to the culprit
+// on the bug reports the VM suite's real binder driver and kernel wrote (tests/report/bugreport,
+// cut by scripts/vm-fixtures.sh).
+#include <android-base/strings.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "helpers.h"
+#include "report/fleet.h"
+#include "report/report.h"
+
+using nlohmann::json;
+
+namespace {
+
+std::string vm_bugreport(const std::string& scenario) {
+  return REPORT_FIXTURES "/bugreport/vm-arm64-6.1-" + scenario + ".txt";
+}
+
+// Each scenario's system_server waits in a binder call: the account names the callee, how it
+// waits, and for the cycle a deadlock; --json's chain has every hop; one culprit, one signature.
+TEST(Across, FollowsTheRealDriversCallsToTheCulprit) {
+  struct Case {
+    const char* scenario;
+    std::vector<std::string> said;  // in system_server's incident
+    size_t hops;
+    bool cycle;
+    const char* culprit;
+  } cases[] = {
+      {"binder",
+       {"for a binder call into storaged (pid ",
+        "which sleeps in `do_sys_poll`, waiting on nothing", "a Java or native dump of storaged",
+        "little pressure"},
+       2,
+       false,
+       "storaged storaged nothing known in do_sys_poll"},
+      {"binder-d",
+       {"for a binder call into vold (pid ", "which waits in the kernel in `__wait_for_common`"},
+       2,
+       false,
+       "vold vold kernel in wait_for_common < wait_for_completion_state < kernel_clone"},
+      {"binder-cycle",
+       {"into netd (pid ", "which waits for a binder call into android.hardwar (pid ",
+        "which waits for a binder call into netd (pid ",
+        "thread binder:", "which waits on a lock (a futex): a deadlock across processes"},
+       4,
+       true,
+       "a deadlock across processes: android.hardwar, netd"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.scenario);
+    report::Story story = report::build_story({vm_bugreport(c.scenario)});
+    std::vector<report::Hang> hangs = report::hangs_of(story, c.scenario);
+    const report::Hang* victim = nullptr;
+    for (const report::Hang& h : hangs) {
+      if (h.process == "system_server") victim = &h;
+      EXPECT_EQ(h.signature, hangs[0].signature) << "one culprit, one signature";
+    }
+    ASSERT_NE(victim, nullptr);
+    for (const std::string& words : c.said)
+      EXPECT_NE(victim->story.find(words), std::string::npos) << words << "\n" << victim->story;
+    EXPECT_EQ(victim->culprit, c.culprit);
+    json j = json::parse(report::json_report(story));
+    for (const json& in : j["runs"][0]["incidents"]) {
+      if (in["process"] != "system_server") continue;
+      ASSERT_EQ(in["chain"].size(), c.hops) << in["chain"].dump(1);
+      EXPECT_EQ(in["chain_cycle"], c.cycle);
+      EXPECT_EQ(in["chain"][0]["tid"], in["tid"]);
+      EXPECT_EQ(in["chain"][0]["waits"], "binder call");
+      EXPECT_GT(in["chain"][0]["age_ms"].get<int64_t>(), 8000) << "the stall, at least a timeout";
+      EXPECT_NE(in["chain"][1]["evidence"].get<std::string>().find(c.cycle ? "binder" : ""),
+                std::string::npos);
+    }
+  }
+}
+
+// How the callee waits in the kernel, told from its stack: I/O, lock contention, or else.
+TEST(Across, TellsHowTheCalleeWaitsInTheKernel) {
+  struct Case {
+    std::vector<std::string> stack;
+    const char* said;
+  } cases[] = {
+      {{"__schedule", "io_schedule", "folio_wait_bit_common", "filemap_fault"},
+       "which is blocked on I/O in `folio_wait_bit_common`"},
+      {{"schedule", "__mutex_lock", "mutex_lock", "ext4_sync_file"},
+       "which waits in lock contention in `__mutex_lock`"},
+      {{"schedule", "mmc_wait_for_req", "mmc_blk_mq_issue_rq"},
+       "which waits in the kernel in `mmc_wait_for_req`"},
+  };
+  for (const Case& c : cases) {
+    report::Story story;
+    story.across.add_section_line(
+        "BINDER STATE", "  outgoing transaction 7: 0 from 10:11 to 20:20 code 1 flags 10 pri 0 r1");
+    story.across.finish();
+    report::KernelDump dump;
+    dump.tasks.push_back({"sensors", 'D', 20, 1, c.stack, {}, ""});
+    story.dumps.push_back(dump);
+    report::Incident in;
+    in.pid = 10;
+    in.tid = 11;
+    report::Chain chain = report::follow_chain(story, in);
+    std::vector<std::string> said = report::chain_account(story, in, chain);
+    ASSERT_FALSE(said.empty());
+    EXPECT_NE(said[0].find(c.said), std::string::npos) << said[0];
+  }
+}
+
+// A watched thread that waits for a Java monitor: the chain goes on from the monitor's holder.
+TEST(Across, GoesOnFromTheJavaMonitorsHolder) {
+  report::Story story;
+  story.across.add_section_line(
+      "BINDER STATE", "  outgoing transaction 7: 0 from 10:12 to 20:20 code 1 flags 10 pri 0 r1");
+  story.across.finish();
+  report::ProcessDump dump;
+  dump.pid = 10;
+  dump.threads.push_back({"watchdog", "Blocked", 11, 9, {}, "<0x1> (a Foo)", 2});
+  dump.threads.push_back({"android.ui", "Native", 12, 2, {}, "", 0});
+  story.stacks.push_back(dump);
+  report::Incident in;
+  in.pid = 10;
+  in.tid = 11;
+  in.java = 0;
+  report::Chain chain = report::follow_chain(story, in);
+  ASSERT_EQ(chain.hops.size(), 3u);
+  EXPECT_EQ(chain.hops[0].waits, "monitor");
+  EXPECT_EQ(chain.hops[1].tid, 12);
+  EXPECT_EQ(chain.hops[2].pid, 20);
+  EXPECT_NE(report::chain_account(story, in, chain)[0].find(
+                "waits for the monitor <0x1> (a Foo) held by "),
+            std::string::npos);
+}
+
+// The platform watchdog's verdict on the same process, in its log or a trace's Subject: line,
+// is joined to the daemon's incident.
+TEST(Across, JoinsThePlatformWatchdogsVerdict) {
+  TempDir dir;
+  std::string text = read_file(vm_bugreport("binder"));
+  report::Story plain = report::build_story({vm_bugreport("binder")});
+  const report::Incident& in = plain.runs[0].incidents[0];
+  std::string minute = in.evidence_clock.substr(0, 12), pid = std::to_string(in.pid);
+  std::string line = minute + "59.000  " + pid + "  " + pid +
+                     " W Watchdog: *** WATCHDOG KILLING SYSTEM PROCESS: Blocked in handler on "
+                     "main thread (main)\n";
+  size_t log = text.find('\n', text.find("------ SYSTEM LOG")) + 1;
+  write_file(dir.path("bugreport.txt"), text.substr(0, log) + line + text.substr(log));
+  write_file(dir.path("anr_1"), "Subject: Blocked in handler on main thread (main)\n\n----- pid " +
+                                    pid + " at 2026-" + minute +
+                                    "30 -----\nCmd line: "
+                                    "system_server\n\n----- end " +
+                                    pid + " -----\n");
+  struct Case {
+    Lines inputs;
+    std::string said;
+  } cases[] = {
+      {{dir.path("bugreport.txt")},
+       "killed system_server at " + minute +
+           "59.000 for a block in "
+           "handler on main thread (main)"},
+      {{vm_bugreport("binder"), dir.path("anr_1")},
+       "reported system_server at 2026-" + minute + "30 for a block in handler on main thread"},
+  };
+  for (const Case& c : cases) {
+    report::Story story = report::build_story(c.inputs);
+    std::string account =
+        report::incident_account(story, story.runs[0], story.runs[0].incidents[0]);
+    EXPECT_NE(account.find("the platform watchdog " + c.said), std::string::npos) << account;
+  }
+}
+
+// The driver's state as each kernel prints it: hand-written in the layouts of
+// drivers/android/binder.c's print functions over the years.
+TEST(Across, ReadsEachKernelsBinderLayout) {
+  struct Case {
+    const char* text;
+    const char* kind;
+    int from_pid, from_tid, to_pid, to_tid;
+    unsigned code, flags;
+    int64_t elapsed_ms;
+    const char* context;
+    int unknown;
+  } cases[] = {
+      // 6.1 as the VM's kernel prints it
+      {"proc 100\ncontext hwbinder\n  thread 100: l 10 need_return 0 tr 0\n    outgoing "
+       "transaction 4: 0000000072a1ec65 from 100:100 to 109:114 code 1 flags 10 pri 0 r1",
+       "outgoing", 100, 100, 109, 114, 1, 0x10, -1, "hwbinder", 0},
+      // an Android kernel: "pri policy:prio", "a0", the call's age
+      {"proc 1503\ncontext binder\n  thread 1530: l 11 need_return 0 tr 0\n    outgoing "
+       "transaction 91: 0000000000000000 from 1503:1530 to 938:0 code 1f flags 12 pri 0:120 a0 r1 "
+       "elapsed 48213ms",
+       "outgoing", 1503, 1530, 938, 0, 0x1f, 0x12, 48213, "binder", 0},
+      // 3.x: no context, no need_return; indented by a paste
+      {"    proc 700\n      thread 701: l 11\n        incoming transaction 12: ffffffc0 from "
+       "600:601 to 700:701 code 3 flags 10 pri 0 r1 node 5 size 8:0 data ffffffc0",
+       "incoming", 600, 601, 700, 701, 3, 0x10, -1, "", 0},
+      // a sender that died, the line folded by a terminal
+      {"  thread 801: l 11 need_return 0 tr 0 \n    incoming transaction 77: ffffffc0 from 0:0 to "
+       "800:801 code 1f  \n      flags 10 pri 0:120 r1 node 5 size 92:8 data ffffffc0",
+       "incoming", 0, 0, 800, 801, 0x1f, 0x10, -1, "", 0},
+      // dead nodes folded at 80 columns, then a call no thread has taken
+      {"binder state:\ndead nodes:\n  node 5: u0000007b50bf75a0 c0000007b2b4d5b80 pri 0:139 hs 1 "
+       "hw 1 ls 0 lw 0\n is 1 iw 1 tr 1 proc 30\n  pending transaction 9: 00 from 930:930 to "
+       "4642:0 code 1 flags 10 pri 0:120 r1 node 7 size 52:0 data 00",
+       "pending", 930, 930, 4642, 0, 1, 0x10, -1, "", 0},
+      // a line of none of the forms
+      {"proc 699\ncontext binder-test\n@@ noise", "", 0, 0, 0, 0, 0, 0, -1, "", 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    report::BinderState state = report::read_binder_state(android::base::Split(c.text, "\n"));
+    EXPECT_EQ(state.unknown, c.unknown);
+    ASSERT_EQ(state.calls.size(), *c.kind ? 1u : 0u);
+    if (state.calls.empty()) continue;
+    const report::BinderCall& call = state.calls[0];
+    EXPECT_EQ(call.kind, c.kind);
+    EXPECT_EQ(std::vector<int>({call.from_pid, call.from_tid, call.to_pid, call.to_tid}),
+              std::vector<int>({c.from_pid, c.from_tid, c.to_pid, c.to_tid}));
+    EXPECT_EQ(call.code, c.code);
+    EXPECT_EQ(call.flags, c.flags);
+    EXPECT_EQ(call.elapsed_ms, c.elapsed_ms);
+    EXPECT_EQ(call.context, c.context);
+  }
+  // 6.12's work kinds that older kernels lack, as the kernel's own commit shows them
+  report::BinderState state = report::read_binder_state(android::base::Split(
+      read_file(REPORT_FIXTURES "/binder/linux-6.12-binder-logs-work-kinds.txt"), "\n"));
+  EXPECT_EQ(state.procs, 2);
+  EXPECT_EQ(state.unknown, 0);
+  EXPECT_EQ(state.threads.size(), 2u);
+}
+
+// Who is who, pressure and the platform watchdog, each in the forms devices print.
+TEST(Across, ReadsTheProcessListPressureAndWatchdogLines) {
+  report::PsReader ps;
+  for (const char* line :
+       {"LABEL                          USER           PID   TID  PPID     VSZ    RSS WCHAN    "
+        "        ADDR S CMD",
+        "u:r:system_server:s0           system        1503  1503   690 1 2 do_epoll_wait 0 S "
+        "system_server",
+        "                               system        1503  1511   690 1 2 do_sigtimedwait 0 S "
+        "Signal Catcher"}) {
+    ps.add(line);
+  }
+  EXPECT_EQ(ps.list.process_name(1503), "system_server");
+  ASSERT_NE(ps.list.task(1511), nullptr);
+  EXPECT_EQ(ps.list.task(1511)->name, "Signal Catcher");
+  EXPECT_EQ(ps.list.task(1511)->wchan, "do_sigtimedwait");
+
+  report::Pressure p;
+  ASSERT_TRUE(report::parse_pressure("some avg10=82.71 avg60=60.10 avg300=20.00", "memory", &p));
+  EXPECT_EQ(p.avg10, 82.71);
+  EXPECT_EQ(p.total_us, -1);
+  EXPECT_FALSE(report::parse_pressure("full total=0", "io", &p));
+  EXPECT_EQ(report::pressure_resource("----- Output from /proc/pressure/io -----"), "io");
+
+  struct Case {
+    const char* message;
+    const char* kind;
+    const char* monitor;
+    const char* checker;
+    const char* thread;
+    int seconds;
+  } cases[] = {
+      {"Blocked in handler on main thread (main) for 61s", "blocked", "", "main thread", "main",
+       61},
+      {"*** WATCHDOG KILLING SYSTEM PROCESS: Blocked in monitor com.android.server.am."
+       "ActivityManagerService on foreground thread (android.fg)",
+       "killing", "com.android.server.am.ActivityManagerService", "foreground thread", "android.fg",
+       -1},
+      {"Subject: Blocked in handler on display thread (android.display)", "blocked", "",
+       "display thread", "android.display", -1},
+      {"*** GOODBYE!", "goodbye", "", "", "", -1},
+  };
+  for (const Case& c : cases) {
+    report::WatchdogLine w;
+    ASSERT_TRUE(report::parse_watchdog(c.message, &w)) << c.message;
+    EXPECT_EQ(std::vector<std::string>({w.kind, w.monitor, w.checker, w.thread}),
+              std::vector<std::string>({c.kind, c.monitor, c.checker, c.thread}));
+    EXPECT_EQ(w.seconds, c.seconds);
+  }
+  report::WatchdogLine w;
+  EXPECT_FALSE(report::parse_watchdog("Watchdog: no block", &w));
+}
+
+}  // namespace

@@ -1,0 +1,285 @@
+// From the watched thread to the thread at fault across processes: its binder call, the callee
+// thread, that thread's own call or kernel stack, a kernel lock's owner, and on, until a thread
+// that runs, waits in the kernel, waits on nothing known, is gone, or waits on one before it.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <set>
+
+#include "report/across.h"
+#include "report/report.h"
+
+namespace report {
+namespace {
+
+// The thread's task in this boot's last kernel dump that lists it with a stack.
+const KernelTask* kernel_task(const Story& story, int tid) {
+  const KernelTask* found = nullptr;
+  for (const KernelDump& dump : story.dumps) {
+    for (const KernelTask& task : dump.tasks) {
+      if (!dump.last_boot && task.pid == tid && !task.stack.empty()) found = &task;
+    }
+  }
+  return found;
+}
+
+std::string wait_frame(const KernelTask& task) {
+  for (const std::string& frame : task.stack) {
+    if (!scheduler_frame(frame)) return frame;
+  }
+  return task.stack.empty() ? "" : task.stack[0];
+}
+
+std::string call_evidence(const BinderCall& call) {
+  return "binder state: " + call.kind + " transaction " + std::to_string(call.id) + " from " +
+         std::to_string(call.from_pid) + ":" + std::to_string(call.from_tid) + " to " +
+         std::to_string(call.to_pid) + ":" + std::to_string(call.to_tid) +
+         (call.context.empty() ? "" : " (" + call.context + ")");
+}
+
+// How a thread no binder call and no kernel dump explains waits, by the process list.
+void by_process_list(const PsThread& task, Hop* hop) {
+  hop->where = task.wchan;
+  hop->evidence = std::string("process list: state ") + task.state + ", wait channel " + task.wchan;
+  if (task.state == 'R') {
+    hop->waits = "runs";
+  } else if (task.state == 'D') {
+    hop->waits = "kernel";
+  } else if (task.wchan.find("futex") != std::string::npos) {
+    hop->waits = "lock";
+  } else {
+    hop->waits = "nothing known";
+  }
+}
+
+// Fills in how the hop's thread waits; the next thread to follow (its process in *pid where the
+// evidence names it), 0 when the chain ends here.
+int step(const Story& story, Hop* hop, Chain* chain, int* pid) {
+  const Across& across = story.across;
+  if (const BinderCall* call = across.binder.state.outgoing_of(hop->tid)) {
+    hop->waits = "binder call";
+    hop->evidence = call_evidence(*call);
+    hop->age_ms = call->elapsed_ms;
+    *pid = call->to_pid;
+    if (call->to_tid != 0) return call->to_tid;
+    Hop callee;
+    callee.pid = call->to_pid;
+    callee.process = across.ps.list.process_name(call->to_pid);
+    callee.waits = "no thread yet";
+    callee.evidence = "no thread of the process has taken the call";
+    chain->hops.push_back(*hop);
+    *hop = callee;
+    return 0;
+  }
+  if (const KernelTask* task = kernel_task(story, hop->tid)) {
+    hop->where = wait_frame(*task);
+    hop->stack = task->stack;
+    hop->evidence = std::string("kernel dump: task ") + task->comm + " in " + task->state;
+    hop->waits = task->state == 'D' ? "kernel" : task->state == 'R' ? "runs" : "nothing known";
+    size_t colon = task->owner.rfind(':');
+    if (colon == std::string::npos) return 0;
+    hop->waits = "kernel lock";
+    return atoi(task->owner.c_str() + colon + 1);
+  }
+  if (const PsThread* task = across.ps.list.task(hop->tid)) {
+    by_process_list(*task, hop);
+  } else if (!across.ps_read) {
+    hop->waits = "nothing known";
+    hop->evidence = "no process list or kernel dump in the input";
+  } else {
+    hop->waits = "gone";
+    hop->evidence = "no input lists the thread";
+  }
+  return 0;
+}
+
+// Where the watched thread waits for a Java monitor (its process's Java dump answering the
+// evidence), the first hop is that wait and the chain goes on from the last holder; else from the
+// thread itself.
+int monitor_holder(const Story& story, const Incident& in, Chain* chain) {
+  if (in.java < 0) return in.tid;
+  const ProcessDump& dump = story.stacks[in.java];
+  for (size_t t = 0; t < dump.threads.size(); ++t) {
+    bool deadlock = false;
+    if (dump.threads[t].tid != in.tid || dump.threads[t].waits_for.empty()) continue;
+    std::vector<size_t> holders = monitor_chain(dump, t, &deadlock);
+    if (deadlock || holders.size() < 2) return in.tid;
+    Hop hop;
+    hop.process = in.process;
+    hop.thread = in.record;
+    hop.pid = in.pid;
+    hop.tid = in.tid;
+    hop.waits = "monitor";
+    hop.where = dump.threads[t].waits_for;
+    hop.evidence = "Java dump " + dump.when + ": waiting to lock " + hop.where;
+    chain->hops.push_back(hop);
+    return dump.threads[holders.back()].tid;
+  }
+  return in.tid;
+}
+
+}  // namespace
+
+Chain follow_chain(const Story& story, const Incident& in) {
+  Chain chain;
+  const Across& across = story.across;
+  if (!across.binder_read || in.tid <= 0) return chain;
+  std::set<int> tids, pids;
+  int start = monitor_holder(story, in, &chain);
+  for (int tid = start, pid = in.pid; tid > 0 && chain.hops.size() < 32;) {
+    Hop hop;
+    hop.tid = tid;
+    hop.pid = pid;
+    pid = 0;
+    if (const PsThread* task = across.ps.list.task(tid)) {
+      hop.pid = task->pid;
+      hop.thread = task->name;
+    }
+    if (tid == in.tid) {
+      hop.pid = in.pid;
+      hop.thread = in.record;
+    }
+    hop.process = hop.pid == in.pid ? in.process : across.ps.list.process_name(hop.pid);
+    if (!tids.insert(tid).second) {
+      hop.waits = "cycle";
+      chain.cycle = true;
+      chain.hops.push_back(hop);
+      break;
+    }
+    tid = step(story, &hop, &chain, &pid);
+    int64_t since = clock_ms(in.since);
+    if (chain.hops.empty() && hop.age_ms < 0 && since >= 0 && in.evidence_ms >= since) {
+      hop.age_ms = in.evidence_ms - since;  // the kernel prints no age: the daemon's stall
+      hop.evidence += "; age: the daemon's stall until its evidence";
+    }
+    chain.cycle = chain.cycle || (hop.waits == "lock" && pids.count(hop.pid) != 0);
+    pids.insert(hop.pid);
+    chain.hops.push_back(hop);
+  }
+  bool out = false;
+  for (const Hop& hop : chain.hops) out = out || hop.waits == "binder call";
+  if (!out) return Chain();  // no call out of the process: the account has said it all
+  const Hop& last = chain.hops.back();
+  if (!across.ps_read) {
+    chain.missing =
+        "the process list (a bug report's PROCESSES AND THREADS, ps -A -T) would name "
+        "the processes and threads";
+  }
+  if (across.ps_read && (last.waits == "lock" || last.waits == "nothing known")) {
+    chain.missing = "a Java or native dump of " + (last.process.empty() ? "pid" : last.process) +
+                    " (pid " + std::to_string(last.pid) + ") would show where thread " +
+                    std::to_string(last.tid) + " waits";
+  } else if (last.waits == "kernel" && last.evidence.compare(0, 7, "process") == 0) {
+    chain.missing = "SysRq w in the kernel log would show its kernel stack";
+  }
+  return chain;
+}
+
+namespace {
+
+std::string who(const Hop& hop) {
+  std::string name = hop.process.empty() ? "a process no input names" : hop.process;
+  if (hop.tid == 0) return name + " (pid " + std::to_string(hop.pid) + ")";
+  return name + " (pid " + std::to_string(hop.pid) + ", thread " +
+         (hop.thread.empty() ? "" : hop.thread + " ") + std::to_string(hop.tid) + ")";
+}
+
+bool frame_has(const std::vector<std::string>& stack, std::initializer_list<const char*> parts) {
+  for (const std::string& frame : stack) {
+    for (const char* part : parts) {
+      if (frame.find(part) != std::string::npos) return true;
+    }
+  }
+  return false;
+}
+
+// What the hop's thread does, after "which".
+std::string how(const Hop& hop) {
+  std::string at = hop.where.empty() ? "" : " in `" + hop.where + "`";
+  if (hop.waits == "kernel" && frame_has(hop.stack, {"io_schedule", "wait_on_page", "bit_wait_io"}))
+    return "is blocked on I/O" + at;
+  if (hop.waits == "kernel" &&
+      frame_has(hop.stack, {"mutex_lock", "rwsem_down", "down_read", "down_write", "rt_mutex"}))
+    return "waits in lock contention" + at;
+  if (hop.waits == "kernel") return "waits in the kernel" + at;
+  if (hop.waits == "kernel lock") return "waits in the kernel" + at + " for a lock";
+  if (hop.waits == "lock") return "waits on a lock (a futex)";
+  if (hop.waits == "runs") return "runs";
+  if (hop.waits == "gone") return "is gone: no input lists it";
+  if (hop.waits == "no thread yet") return "has no thread that took the call";
+  return "sleeps" + at + ", waiting on nothing known";
+}
+
+std::string seconds(int64_t ms) {
+  return ms < 0 ? "" : " " + std::to_string(ms / 1000) + " s";
+}
+
+std::string pressure_words(const std::vector<Pressure>& all) {
+  std::string high;
+  bool any = false;
+  for (const Pressure& p : all) {
+    any = any || p.avg10 > 0;
+    if (p.avg10 < 10) continue;
+    char figure[96];
+    snprintf(figure, sizeof(figure), "under %s pressure (%s avg10=%.0f%%)", p.resource.c_str(),
+             p.kind.c_str(), p.avg10);
+    high += (high.empty() ? "" : ", ") + std::string(figure);
+  }
+  if (!high.empty()) return high;
+  if (!any) return "no pressure: every stall figure is zero, no cause";
+  return "little pressure (every avg10 under 10%), no cause";
+}
+
+}  // namespace
+
+std::vector<std::string> chain_account(const Story& story, const Incident& in, const Chain& chain) {
+  std::vector<std::string> out;
+  if (!chain.hops.empty()) {
+    std::string text;
+    for (size_t i = 0; i < chain.hops.size(); ++i) {
+      const Hop& hop = chain.hops[i];
+      if (hop.waits == "cycle") {
+        text += who(hop) + " again";
+        break;
+      }
+      if (i > 0) text += who(hop) + ", which ";
+      if (hop.waits == "binder call") {
+        text += "waits" + seconds(hop.age_ms) + " for a binder call into ";
+      } else if (hop.waits == "monitor") {
+        text += "waits for the monitor " + hop.where + " held by ";
+      } else {
+        text += how(hop);
+      }
+    }
+    if (chain.cycle) text += ": a deadlock across processes";
+    out.push_back(text);
+    if (!chain.missing.empty()) out.push_back(chain.missing);
+  }
+  if (!story.across.pressure.empty()) out.push_back(pressure_words(story.across.pressure));
+  for (const WatchdogSeen& seen : story.across.watchdog) {
+    bool near = in.evidence_ms < 0 || seen.ms < 0 ||
+                (seen.ms > in.evidence_ms - 600000 && seen.ms < in.evidence_ms + 600000);
+    if (seen.pid != in.pid || !near || seen.line.kind == "goodbye") continue;
+    out.push_back(std::string("the platform watchdog ") +
+                  (seen.line.kind == "killing" ? "killed " : "reported ") +
+                  (in.process.empty() ? "the process" : in.process) + " at " + seen.clock +
+                  " for a block in " + seen.line.what + " on " + seen.line.checker + " (" +
+                  seen.line.thread + ")");
+  }
+  return out;
+}
+
+void Across::add_section_line(const std::string& section, const std::string& text) {
+  if (section.compare(0, 7, "BINDER ") == 0) {
+    binder_read = true;
+    binder.add(text);
+  } else if (section.compare(0, 9, "PROCESSES") == 0) {
+    ps_read = true;
+    ps.add(text);
+  } else {
+    Pressure p;
+    if (parse_pressure(text, pressure_resource(section), &p)) pressure.push_back(p);
+  }
+}
+
+}  // namespace report
