@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Remakes the real kernel logs among the report tool's fixtures (tests/report/kernel/vm-arm64-*):
-# boots the VM scenarios that produce them (scripts/test-vm.sh blocked panic reboot) and cuts each
-# out of the serial logs, verbatim. Never edit those files by hand; rerun this.
+# boots the VM scenarios that produce them (scripts/test-vm.sh blocked panic reboot app) and cuts
+# each out of the serial logs, verbatim; from `app`, the daemon's log with the Java dump and the
+# tombstone the stand-in wrote when SIGQUIT and signal 35 arrived. Never edit those files by hand; rerun this.
 #   scripts/vm-fixtures.sh          boot, then cut
 #   scripts/vm-fixtures.sh --cut    cut from the serial logs of the last run (build/vm/*.log)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-[ "${1:-}" = --cut ] || scripts/test-vm.sh blocked panic reboot
+[ "${1:-}" = --cut ] || scripts/test-vm.sh blocked panic reboot app
 vm=build/vm
 out=tests/report/kernel
 release=$(grep -m1 -o 'Linux version [0-9]*\.[0-9]*' $vm/blocked.log | awk '{print $3}')
@@ -36,6 +37,10 @@ awk 'index($0, "sysrq: Trigger a crash") {on = 1} on {print} on && index($0, "Re
 ' $vm/panic.log >$name-panic.txt
 section $vm/panic.log "@@ pstore dmesg-ramoops-0" "@@ pstore end" >$name-pstore-panic.txt
 section $vm/reboot.log "@@ pstore dmesg-ramoops-0" "@@ pstore end" >$name-pstore-restart.txt
+section $vm/app.log "@@ daemon log" "@@ dmesg" >$name-app-stall_ward.log
+for dump in trace_00 tombstone_00; do
+  section $vm/app.log "@@ dump $dump" "@@ dump end" >$name-app.$dump
+done
 for f in $name-*; do
   [ -s "$f" ] || { echo "FAIL: $f is empty"; exit 1; }
 done
