@@ -152,6 +152,8 @@ check() {
     app)
       has "stall_ward: dumped $pid"
       line "@@ signals 1 sig=3 sig=35 "
+      has "@@ dump trace_00"
+      has "@@ dump tombstone_00"
       has "stall_ward: killing proc $pid"
       line "@@ exit 0 0" ;;
     panic)

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # Remakes the real kernel logs among the report tool's fixtures (tests/report/kernel/vm-arm64-*):
-# boots the VM scenarios that produce them (scripts/test-vm.sh blocked panic reboot binder
-# binder-d binder-cycle) and cuts each out of the serial logs, verbatim: the kernel's dumps, and
-# the bug reports the binder scenarios write (tests/report/bugreport/vm-arm64-*). Never edit those files by hand; rerun this.
+# boots the VM scenarios that produce them (scripts/test-vm.sh blocked panic reboot app binder
+# binder-d binder-cycle) and cuts each out of the serial logs, verbatim: the kernel's dumps; from
+# `app`, the daemon's log with the Java dump and the tombstone the stand-in wrote when SIGQUIT and
+# signal 35 arrived; and the bug reports the binder scenarios write (tests/report/bugreport/vm-arm64-*).
+# Never edit those files by hand; rerun this.
 #   scripts/vm-fixtures.sh          boot, then cut
 #   scripts/vm-fixtures.sh --cut    cut from the serial logs of the last run (build/vm/*.log)
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-[ "${1:-}" = --cut ] || scripts/test-vm.sh blocked panic reboot binder binder-d binder-cycle
+[ "${1:-}" = --cut ] || scripts/test-vm.sh blocked panic reboot app binder binder-d binder-cycle
 vm=build/vm
 out=tests/report/kernel
 release=$(grep -m1 -o 'Linux version [0-9]*\.[0-9]*' $vm/blocked.log | awk '{print $3}')
@@ -37,6 +39,10 @@ awk 'index($0, "sysrq: Trigger a crash") {on = 1} on {print} on && index($0, "Re
 ' $vm/panic.log >$name-panic.txt
 section $vm/panic.log "@@ pstore dmesg-ramoops-0" "@@ pstore end" >$name-pstore-panic.txt
 section $vm/reboot.log "@@ pstore dmesg-ramoops-0" "@@ pstore end" >$name-pstore-restart.txt
+section $vm/app.log "@@ daemon log" "@@ dmesg" >$name-app-stall_ward.log
+for dump in trace_00 tombstone_00; do
+  section $vm/app.log "@@ dump $dump" "@@ dump end" >$name-app.$dump
+done
 mkdir -p tests/report/bugreport
 for s in binder binder-d binder-cycle; do
   section $vm/$s.log "@@ bugreport" "@@ bugreport end" >tests/report/bugreport/vm-arm64-$release-$s.txt
