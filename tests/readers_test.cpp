@@ -69,7 +69,7 @@ TEST(StallCount, GrowsByTheIntervalOnlyWithoutProgressInAWatchedState) {
       {7, 1, 'D', 10, 10, "1 2 4\n", 0, false, 1},      // ran on a processor
       {7, 1, 'D', 10, 10, "123456789012 4 4294967300\n", 0, false, 1},     // past 32 bits
       {7, 1, 'D', 10, 10, "123456789012 4 4294967300\n", 50000, true, 1},  // the same count
-      {7, 1, 'D', 10, 11, "1 2 4\n", 0, false, 1},                         // processor time
+      {7, 1, 'D', 10, 11, "123456789012 4 4294967300\n", 0, false, 1},     // processor time
       {7, 1, 'Z', 10, 11, "1 2 4\n", 0, false, 1},                         // another state
       {7, 1, 'Z', 10, 11, "1 2 0\n", 50000, true, 1},            // a zero count is no progress
       {7, 1, 'Z', 10, 11, "", 100000, true, 1},                  // nor an unreadable one

@@ -109,7 +109,6 @@ INSTANTIATE_TEST_SUITE_P(Cases, Scan, testing::Values(
     ScanCase{"asleep_gets_the_dump_signal", false, true, 120000, true, true, 'S', false, false, POLICY_KILL, "I dumped $PID", 0, "sig=35\n", "", NONE, false},
     ScanCase{"an_app_asleep_gets_sigquit_first", false, true, 120000, true, true, 'S', false, true, POLICY_KILL, "I dumped $PID", 0, "sig=3\nsig=35\n", "", NONE, false},
     ScanCase{"asleep_again_is_killed", false, true, 120000, true, true, 'S', true, false, POLICY_KILL, "I killing proc $PID", 0, "", "", PID, false},
-    ScanCase{"an_absent_thread_is_a_process_matter", false, true, 120000, false, false, '?', false, false, POLICY_KILL, "I dumped $PID", 0, "sig=35\n", "", NONE, false},
     ScanCase{"a_thread_never_sampled_is_a_process_matter", false, true, 120000, false, true, 'D', false, false, POLICY_KILL, "I dumped $PID", 0, "sig=35\n", "", NONE, false},
     ScanCase{"a_code_past_nothing_does_nothing", false, true, 120000, true, true, 'D', true, false, 7, "I nothing to do accroding to policy", 0, "", "", NONE, false},
     ScanCase{"a_negative_code_does_nothing", false, true, 120000, true, true, 'D', true, false, -1, "I nothing to do accroding to policy", 0, "", "", NONE, false},

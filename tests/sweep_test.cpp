@@ -161,20 +161,22 @@ TEST_F(ShellSweep, AnAbsentThreadIsBoundAfreshToItsProcess) {
   }
 }
 
-// Processes and threads are found through ps; an entry whose process is not running works on what
-// the last found one left: its thread is read again for each thread name of the entry.
+// Processes and threads are found through ps (a main thread with one ps command); an entry whose
+// process is not running works on what the last found one left: its thread is read again for each
+// thread name of the entry.
 TEST_F(ShellSweep, FindsThroughPsAndAMissingProcessWorksOnWhatTheLastFoundOneLeft) {
   StandIn s = start({thread + ":D"});
-  configure(name + ":" + thread + " " + ghost + ":u1:u2");
+  configure(name + " " + name + ":" + thread + " " + ghost + ":u1:u2");
   {
     LogCapture log;
     collect_proc_info(true);
     const std::string pid = std::to_string(s.pid), tid = std::to_string(s.tids.at(0));
-    for (const auto& [line, times] : {std::pair{"I [sh] cmd=ps -e|grep " + name, 1},
+    for (const auto& [line, times] : {std::pair{"I [sh] cmd=ps -e|grep " + name, 2},
                                       {"I [sh] cmd=ps -T -p " + pid + " |grep " + thread, 1},
                                       {"I [sh] tid=" + tid, 1},
                                       {"I [sh] proc " + ghost + " not started", 2},
                                       {"I go through proc", 0},
+                                      {"I reading " + task_path(s.pid, s.pid), 1},
                                       {"I reading " + task_path(s.pid, s.tids.at(0)), 3}}) {
       EXPECT_EQ(log.count(line), times) << line;
     }
