@@ -139,7 +139,8 @@ TEST(Across, JoinsThePlatformWatchdogsVerdict) {
   std::string text = read_file(vm_bugreport("binder"));
   report::Story plain = report::build_story({vm_bugreport("binder")});
   const report::Incident& in = plain.runs[0].incidents[0];
-  std::string minute = in.evidence_clock.substr(0, 12), pid = std::to_string(in.pid);
+  std::string minute = report::first_evidence(in)->clock.substr(0, 12);
+  std::string pid = std::to_string(in.pid);
   std::string line = minute + "59.000  " + pid + "  " + pid +
                      " W Watchdog: *** WATCHDOG KILLING SYSTEM PROCESS: Blocked in handler on "
                      "main thread (main)\n";

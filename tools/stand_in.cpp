@@ -56,6 +56,16 @@ the order of the --thread options.
 )";
 
 constexpr int kDumpSignal = 35;
+// The ABI the runtime and the crash handler name in their dumps: the one this was built for.
+#if defined(__aarch64__)
+constexpr const char* kAbi = "arm64";
+#elif defined(__arm__)
+constexpr const char* kAbi = "arm";
+#elif defined(__i386__)
+constexpr const char* kAbi = "x86";
+#else
+constexpr const char* kAbi = "x86_64";
+#endif
 
 struct ThreadPlan {
   std::string name;
@@ -186,8 +196,8 @@ void write_java_dump(const char* when) {
   fprintf(f, "\n----- pid %d at %s -----\nCmd line: %s\n", getpid(), when, program_invocation_name);
   fprintf(f,
           "Build fingerprint: 'stall_ward/stand_in/host:11/RP1A/1:userdebug/test-keys'\n"
-          "ABI: 'x86_64'\nBuild type: optimized\n\nDALVIK THREADS (%zu):\n",
-          threads.size());
+          "ABI: '%s'\nBuild type: optimized\n\nDALVIK THREADS (%zu):\n",
+          kAbi, threads.size());
   int id = 0;
   for (const auto& [tid, name] : threads) {
     fprintf(f,
@@ -209,8 +219,8 @@ void write_tombstone(const char* when) {
   fprintf(f,
           "*** *** *** *** *** *** *** *** *** *** *** *** *** *** *** ***\n"
           "Build fingerprint: 'stall_ward/stand_in/host:11/RP1A/1:userdebug/test-keys'\n"
-          "Revision: '0'\nABI: 'x86_64'\nTimestamp: %s+0000\n",
-          when);
+          "Revision: '0'\nABI: '%s'\nTimestamp: %s+0000\n",
+          kAbi, when);
   for (const auto& [tid, name] : threads_now()) {
     if (tid == getpid()) {
       fprintf(f,

@@ -110,7 +110,16 @@ struct Across {
   void finish() { binder.finish(); }
 };
 
-struct KernelTask;
+// The kernel's answer to SysRq w: the tasks it lists and their stacks.
+struct KernelTask {
+  std::string comm;
+  char state = '?';
+  int pid = 0, ppid = -1;
+  std::vector<std::string> stack;  // innermost frame first, offsets dropped
+  std::vector<bool> unsure;        // per frame: printed with "?", a guess of the unwinder
+  std::string owner;  // the kernel's "likely owned by task NAME:PID" for the lock it waits on
+};
+
 struct Story;
 struct Incident;
 
@@ -123,7 +132,7 @@ struct Hop {
   // "no thread yet" (a call no thread of the process has taken)
   std::string waits;
   std::string where;               // the frame it waits in, or the kernel's wait channel
-  std::vector<std::string> stack;  // its kernel stack where a dump lists it, innermost first
+  KernelTask task;                 // its task where a kernel dump lists it with a stack
   std::string evidence;            // the input that shows it
   int64_t age_ms = -1;             // the call's age where the kernel printed it
 };

@@ -23,11 +23,10 @@ const KernelTask* kernel_task(const Story& story, int tid) {
   return found;
 }
 
-std::string wait_frame(const KernelTask& task) {
-  for (const std::string& frame : task.stack) {
-    if (!scheduler_frame(frame)) return frame;
-  }
-  return task.stack.empty() ? "" : task.stack[0];
+// When the daemon first took evidence of the incident (its clock in ms), -1 when it did not.
+int64_t evidence_ms(const Incident& in) {
+  const Action* first = first_evidence(in);
+  return first == nullptr ? -1 : first->ms;
 }
 
 std::string call_evidence(const BinderCall& call) {
@@ -72,8 +71,9 @@ int step(const Story& story, Hop* hop, Chain* chain, int* pid) {
     return 0;
   }
   if (const KernelTask* task = kernel_task(story, hop->tid)) {
-    hop->where = wait_frame(*task);
-    hop->stack = task->stack;
+    size_t at = wait_frame(*task);
+    hop->where = at < task->stack.size() ? task->stack[at] : "";
+    hop->task = *task;
     hop->evidence = std::string("kernel dump: task ") + task->comm + " in " + task->state;
     hop->waits = task->state == 'D' ? "kernel" : task->state == 'R' ? "runs" : "nothing known";
     size_t colon = task->owner.rfind(':');
@@ -148,8 +148,8 @@ Chain follow_chain(const Story& story, const Incident& in) {
     }
     tid = step(story, &hop, &chain, &pid);
     int64_t since = clock_ms(in.since);
-    if (chain.hops.empty() && hop.age_ms < 0 && since >= 0 && in.evidence_ms >= since) {
-      hop.age_ms = in.evidence_ms - since;  // the kernel prints no age: the daemon's stall
+    if (chain.hops.empty() && hop.age_ms < 0 && since >= 0 && evidence_ms(in) >= since) {
+      hop.age_ms = evidence_ms(in) - since;  // the kernel prints no age: the daemon's stall
       hop.evidence += "; age: the daemon's stall until its evidence";
     }
     chain.cycle = chain.cycle || (hop.waits == "lock" && pids.count(hop.pid) != 0);
@@ -196,10 +196,10 @@ bool frame_has(const std::vector<std::string>& stack, std::initializer_list<cons
 // What the hop's thread does, after "which".
 std::string how(const Hop& hop) {
   std::string at = hop.where.empty() ? "" : " in `" + hop.where + "`";
-  if (hop.waits == "kernel" && frame_has(hop.stack, {"io_schedule", "wait_on_page", "bit_wait_io"}))
+  if (hop.waits == "kernel" && frame_has(hop.task.stack, {"io_schedule", "wait_on_page", "bit_wait_io"}))
     return "is blocked on I/O" + at;
   if (hop.waits == "kernel" &&
-      frame_has(hop.stack, {"mutex_lock", "rwsem_down", "down_read", "down_write", "rt_mutex"}))
+      frame_has(hop.task.stack, {"mutex_lock", "rwsem_down", "down_read", "down_write", "rt_mutex"}))
     return "waits in lock contention" + at;
   if (hop.waits == "kernel") return "waits in the kernel" + at;
   if (hop.waits == "kernel lock") return "waits in the kernel" + at + " for a lock";
@@ -257,8 +257,8 @@ std::vector<std::string> chain_account(const Story& story, const Incident& in, c
   }
   if (!story.across.pressure.empty()) out.push_back(pressure_words(story.across.pressure));
   for (const WatchdogSeen& seen : story.across.watchdog) {
-    bool near = in.evidence_ms < 0 || seen.ms < 0 ||
-                (seen.ms > in.evidence_ms - 600000 && seen.ms < in.evidence_ms + 600000);
+    bool near = evidence_ms(in) < 0 || seen.ms < 0 ||
+                (seen.ms > evidence_ms(in) - 600000 && seen.ms < evidence_ms(in) + 600000);
     if (seen.pid != in.pid || !near || seen.line.kind == "goodbye") continue;
     out.push_back(std::string("the platform watchdog ") +
                   (seen.line.kind == "killing" ? "killed " : "reported ") +

@@ -228,7 +228,7 @@ std::string culprit_of(const Chain& chain) {
     return "a deadlock across processes: " + Join(members, ", ");
   }
   const Hop& last = chain.hops.back();
-  std::string where = last.stack.empty() ? last.where : Join(kernel_top(last.stack), " < ");
+  std::string where = last.task.stack.empty() ? last.where : Join(kernel_top(last.task), " < ");
   return (last.process.empty() ? "?" : last.process) + " " + without_numbers(last.thread) + " " +
          last.waits + (where.empty() ? "" : " in " + where);
 }
@@ -242,7 +242,7 @@ void sign(Hang* h) {
     hop.process = h->process;
     hop.thread = h->thread;
     hop.waits = "kernel";
-    hop.stack = h->kernel_stack;
+    hop.where = Join(h->kernel, " < ");
     self.hops.push_back(hop);
   }
   h->culprit = culprit_of(h->chain.hops.empty() ? self : h->chain);

@@ -89,15 +89,6 @@ std::vector<std::string> files_of(const std::vector<std::string>& given, bool re
 // that begins as a Java stack dump or a tombstone is read as one.
 void read_inputs(const std::vector<std::string>& paths, InputStats* stats, const Sink& sink);
 
-// The kernel's answer to SysRq w: the tasks it lists and their stacks.
-struct KernelTask {
-  std::string comm;
-  char state = '?';
-  int pid = 0, ppid = -1;
-  std::vector<std::string> stack;  // innermost frame first, offsets dropped
-  std::vector<bool> unsure;        // per frame: printed with "?", a guess of the unwinder
-  std::string owner;  // the kernel's "likely owned by task NAME:PID" for the lock it waits on
-};
 struct KernelDump {
   std::string clock;  // as the log printed it
   int64_t ms = -1;    // with a wall clock (logcat, dmesg -T); -1: the time since boot only
