@@ -170,6 +170,43 @@ TEST(Across, JoinsThePlatformWatchdogsVerdict) {
   }
 }
 
+// ActivityManager's report of an ANR carries the pressure it read (in logcat, in Android Studio's
+// format, in a trimmed copy): joined to the incident of the same process or the same time; a
+// reading of zero is said to be no cause, a high one is the cause.
+TEST(Across, JoinsThePressureOfAnAnrReport) {
+  const std::string log = REPORT_FIXTURES "/logs/ABlockedThreadGetsKernelDumpsThenTheKill.log";
+  report::Story plain = report::build_story({log});
+  const report::Incident& victim = plain.runs[0].incidents[0];
+  std::string pid = std::to_string(victim.pid), stamp = report::first_evidence(victim)->clock;
+  std::string zero =
+      "no pressure: every stall figure is zero, no cause (as ActivityManager read it";
+  struct Case {
+    const char* fixture;
+    std::string from, to, said;  // the fixture's text `from` put as `to`; "" said: none joined
+  } cases[] = {
+      {"logcat-anr-memory-zero", "PID: 27750", "PID: " + pid, ""},  // months before
+      {"logcat-anr-memory-zero", "09-29 16:03:03.457", stamp,
+       zero + " for an ANR in com.example.myapplication (pid 27750) at " + stamp + ")"},
+      {"android-studio-anr-memory-zero", "PID: 7541", "PID: " + pid,
+       zero + " for an ANR in com.google.android.gms.persistent (pid " + pid +
+           ") at 21:57:41.642)"},
+      {"android-studio-anr-memory-zero", "", "", ""},  // another process, on no known day
+      {"anr-report-memory-io-high-trimmed", "", "",
+       "under memory pressure (some avg10=82.71%), under io pressure (some avg10=85.37%) (as "
+       "ActivityManager read it for an ANR)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fixture + (" " + c.to));
+    TempDir dir;
+    std::string text = read_file(REPORT_FIXTURES "/pressure/" + std::string(c.fixture) + ".txt");
+    write_file(dir.path("anr.txt"), android::base::StringReplace(text, c.from, c.to, true));
+    report::Story story = report::build_story({log, dir.path("anr.txt")});
+    std::vector<std::string> causes =
+        report::chain_account(story, story.runs[0].incidents[0], report::Chain());
+    EXPECT_EQ(causes, c.said.empty() ? Lines() : Lines{c.said});
+  }
+}
+
 // The driver's state as each kernel prints it: hand-written in the layouts of
 // drivers/android/binder.c's print functions over the years.
 TEST(Across, ReadsEachKernelsBinderLayout) {
