@@ -47,6 +47,10 @@ struct BinderReader {
   std::string context;
 };
 BinderState read_binder_state(const std::vector<std::string>& lines);
+// Whether a file that begins with this line is the driver's state: one of its records ("binder
+// state:", "proc N", "thread N: ...", a transaction, "dead nodes:"), or a shell's prompt before a
+// command that reads one of its files ("# cat /d/binder/proc/1037").
+bool binder_state_line(const std::string& line);
 
 // A process list (ps -A -T, or ps -A): who each pid and tid is.
 struct PsThread {
@@ -153,7 +157,8 @@ struct Hop {
   std::string process, thread;  // empty when no input names them
   int pid = 0, tid = 0;
   // "binder call", "monitor", "kernel lock", "kernel", "lock", "runs", "nothing known", "gone",
-  // "no thread yet" (a call no thread of the process has taken)
+  // "not shown" (no input shows its state or stack), "no thread yet" (a call no thread of the
+  // process has taken)
   std::string waits;
   std::string where;     // the frame it waits in, or the kernel's wait channel
   KernelTask task;       // its task where a kernel dump lists it with a stack

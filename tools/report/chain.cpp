@@ -87,7 +87,7 @@ int step(const Story& story, Hop* hop, Chain* chain, int* pid) {
   if (const PsThread* task = across.ps.list.task(hop->tid)) {
     by_process_list(*task, hop);
   } else if (!across.ps_read) {
-    hop->waits = "nothing known";
+    hop->waits = "not shown";
     hop->evidence = "no process list or kernel dump in the input";
   } else {
     hop->waits = "gone";
@@ -121,6 +121,30 @@ int monitor_holder(const Story& story, const Incident& in, Chain* chain) {
   return in.tid;
 }
 
+// Who the thread is: the watched thread as the daemon named it; else by the process list, else by
+// the kernel's task line (its thread) and a Java or native dump of its process (the process).
+Hop hop_of(const Story& story, const Incident& in, int tid, int pid) {
+  Hop hop;
+  hop.tid = tid;
+  hop.pid = pid;
+  const ProcessList& ps = story.across.ps.list;
+  if (const PsThread* task = ps.task(tid)) {
+    hop.pid = task->pid;
+    hop.thread = task->name;
+  } else if (const KernelTask* task = kernel_task(story, tid)) {
+    hop.thread = task->comm;
+  }
+  if (tid == in.tid) {
+    hop.pid = in.pid;
+    hop.thread = in.record;
+  }
+  hop.process = hop.pid == in.pid ? in.process : ps.process_name(hop.pid);
+  for (const ProcessDump& dump : story.stacks) {
+    if (hop.process.empty() && hop.pid > 0 && dump.pid == hop.pid) hop.process = dump.cmd;
+  }
+  return hop;
+}
+
 }  // namespace
 
 Chain follow_chain(const Story& story, const Incident& in) {
@@ -130,19 +154,8 @@ Chain follow_chain(const Story& story, const Incident& in) {
   std::set<int> tids, pids;
   int start = monitor_holder(story, in, &chain);
   for (int tid = start, pid = in.pid; tid > 0 && chain.hops.size() < 32;) {
-    Hop hop;
-    hop.tid = tid;
-    hop.pid = pid;
+    Hop hop = hop_of(story, in, tid, pid);
     pid = 0;
-    if (const PsThread* task = across.ps.list.task(tid)) {
-      hop.pid = task->pid;
-      hop.thread = task->name;
-    }
-    if (tid == in.tid) {
-      hop.pid = in.pid;
-      hop.thread = in.record;
-    }
-    hop.process = hop.pid == in.pid ? in.process : across.ps.list.process_name(hop.pid);
     if (!tids.insert(tid).second) {
       hop.waits = "cycle";
       chain.cycle = true;
@@ -211,6 +224,7 @@ std::string how(const Hop& hop) {
   if (hop.waits == "runs") return "runs";
   if (hop.waits == "gone") return "is gone: no input lists it";
   if (hop.waits == "no thread yet") return "has no thread that took the call";
+  if (hop.waits == "not shown") return "is shown by no input (neither its state nor its stack)";
   return "sleeps" + at + ", waiting on nothing known";
 }
 

@@ -218,8 +218,7 @@ struct SectionFilter {
       first = false;
       if (starts(l, "*** *** ***") || starts(l, "----- pid ") || starts(l, "Subject:"))
         from = Line::kStackDump;
-      if (starts(l, "binder state:") || starts(l, "binder transactions:") ||
-          starts(l, "binder proc state:")) {
+      if (binder_state_line(std::string(l))) {
         from = Line::kSection;
         source = "BINDER STATE";
       }
