@@ -171,12 +171,13 @@ struct Chain {
   std::string missing;  // the input that would take the chain further, when it stops short
 };
 // Follows the incident's thread through binder calls, kernel locks and the process list to the
-// culprit or a cycle; empty when the inputs hold no binder state or process list.
+// culprit or a cycle; empty when the inputs hold no binder state or process list. The story does
+// it once for each incident (Incident::chain), when every input is read; the outputs format that.
 Chain follow_chain(const Story& story, const Incident& in);
 // The chain and the conditions around it in plain words, one sentence each: the cause, the
 // pressure, the platform watchdog's verdict.
 std::vector<std::string> chain_account(const Story& story, const Incident& in, const Chain& chain);
-// The chain on the page (empty when there is none) and in --json (the incident's "chain").
+// The incident's chain on the page (empty when there is none) and in --json ("chain").
 std::string chain_html(const Story& story, const Incident& in);
 void add_chain_json(const Story& story, const Incident& in, nlohmann::json* incident);
 // The hops as JSON objects (for --json, and --jsonl's ordered keys).

@@ -826,6 +826,9 @@ Story build_story(const std::vector<std::string>& paths) {
       seen.clock = dump.when;
     }
   }
+  for (Run& run : b.story.runs) {
+    for (Incident& in : run.incidents) in.chain = follow_chain(b.story, in);
+  }
   return std::move(b.story);
 }
 
