@@ -117,8 +117,6 @@ std::string studio_clock(const std::string& before) {
   return "";
 }
 
-// The lines of one report share their stamp: a line of the log with another one ends it. Each
-// report's figures count once (a log section written twice).
 void AnrReader::add(const std::string& message, int64_t ms, const std::string& clock) {
   std::string m = message.substr(std::min(message.find_first_not_of(" \t"), message.size()));
   size_t anr = m.find("ANR in ");
@@ -132,10 +130,6 @@ void AnrReader::add(const std::string& message, int64_t ms, const std::string& c
     resource.clear();
     return;
   }
-  if (!clock.empty() && clock != now.clock) {
-    now = PressureSource();
-    resource.clear();
-  }
   Pressure p;
   if (m.compare(0, 5, "PID: ") == 0 && now.anr && now.pid == 0) {
     now.pid = atoi(m.c_str() + 5);
@@ -146,11 +140,6 @@ void AnrReader::add(const std::string& message, int64_t ms, const std::string& c
     resource.clear();
   } else {
     p.from = now;
-    for (const Pressure& r : read) {
-      if (!now.clock.empty() && r.from.clock == now.clock && r.from.pid == now.pid &&
-          r.resource == p.resource && r.kind == p.kind)
-        return;
-    }
     read.push_back(p);
   }
 }
