@@ -152,6 +152,9 @@ TEST(Across, JoinsThePlatformWatchdogsVerdict) {
                                     "30 -----\nCmd line: "
                                     "system_server\n\n----- end " +
                                     pid + " -----\n");
+  write_file(dir.path("paste"),  // a paste of "tag: message" lines: the watchdog is system_server's
+             "Watchdog: *** WATCHDOG KILLING SYSTEM PROCESS: Blocked in handler on display thread "
+             "(android.display)\nWatchdog: android.display annotated stack trace:\n");
   struct Case {
     Lines inputs;
     std::string said;
@@ -162,6 +165,8 @@ TEST(Across, JoinsThePlatformWatchdogsVerdict) {
            "handler on main thread (main)"},
       {{vm_bugreport("binder"), dir.path("anr_1")},
        "reported system_server at 2026-" + minute + "30 for a block in handler on main thread"},
+      {{vm_bugreport("binder"), dir.path("paste")},
+       "killed system_server for a block in handler on display thread (android.display)"},
   };
   for (const Case& c : cases) {
     report::Story story = report::build_story(c.inputs);

@@ -312,12 +312,14 @@ std::vector<std::string> chain_account(const Story& story, const Incident& in, c
   for (const WatchdogSeen& seen : story.across.watchdog) {
     bool near = evidence_ms(in) < 0 || seen.ms < 0 ||
                 (seen.ms > evidence_ms(in) - kNearMs && seen.ms < evidence_ms(in) + kNearMs);
-    if (seen.pid != in.pid || !near || seen.line.kind == "goodbye") continue;
+    // where its line names no pid, it is system_server's own
+    bool same = seen.pid == 0 ? in.process == "system_server" : seen.pid == in.pid;
+    if (!same || !near || seen.line.kind == "goodbye") continue;
     out.push_back(std::string("the platform watchdog ") +
                   (seen.line.kind == "killing" ? "killed " : "reported ") +
-                  (in.process.empty() ? "the process" : in.process) + " at " + seen.clock +
-                  " for a block in " + seen.line.what + " on " + seen.line.checker + " (" +
-                  seen.line.thread + ")");
+                  (in.process.empty() ? "the process" : in.process) +
+                  (seen.clock.empty() ? "" : " at " + seen.clock) + " for a block in " +
+                  seen.line.what + " on " + seen.line.checker + " (" + seen.line.thread + ")");
   }
   return out;
 }

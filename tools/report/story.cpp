@@ -576,6 +576,21 @@ void stack_line(Builder* b, const Line& line) {
   if (b->native.dumps.size() > native) b->native.dumps.back().source = line.tag;
 }
 
+// A line without a stamp: a paste of "tag: message" lines (or logcat -v brief's "W/tag( pid):
+// message") of the platform watchdog, or a further line of ActivityManager's report of an ANR.
+void unstamped_line(Builder* b, const std::string& text) {
+  size_t at = text.size() > 2 && text[1] == '/' ? 2 : 0;
+  WatchdogSeen seen;
+  if (text.compare(at, 8, "Watchdog") == 0 && text.find(": ", at) != std::string::npos &&
+      parse_watchdog(text.substr(text.find(": ", at) + 2), &seen.line)) {
+    size_t open = text.find('(', at);
+    if (open < text.find(": ", at)) seen.pid = atoi(text.c_str() + open + 1);
+    b->story.across.watchdog.push_back(seen);
+    return;
+  }
+  b->story.across.anr.add(text, -1, "");
+}
+
 void add_line(Builder* b, const Line& line) {
   WatchdogSeen seen;
   if (line.from == Line::kStackDump) {
@@ -599,7 +614,7 @@ void add_line(Builder* b, const Line& line) {
   } else if (line.kind == Line::kLogcat && line.tag == "ActivityManager") {
     b->story.across.anr.add(line.text, line.ms, line.clock);
   } else if (line.kind == Line::kOther && line.from == Line::kLog) {
-    b->story.across.anr.add(line.text, -1, "");  // a line of a report without a stamp
+    unstamped_line(b, line.text);
   } else if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
     if (repeated(b, line)) return;
     ++b->story.input.daemon;
