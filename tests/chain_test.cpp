@@ -295,15 +295,23 @@ TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
     const char* from;    // the caller, put in as the watched thread
     const char* callee;  // put in as a blocked task of a real kernel log, or null
     std::string said;
+    bool culprit;  // the incident is signed by a culprit
   } cases[] = {
       {"android-system_server-outgoing-elapsed-offset", "2055:2055", "3270",
        "waits 6 s for a binder call into a process no input names (pid 2867, thread Binder_5 "
        "3270), "
-       "which waits in lock contention in `__mutex_lock.isra.0`"},
+       "which waits in lock contention in `__mutex_lock.isra.0`",
+       true},
+      {"android-system_server-outgoing-elapsed-offset", "2055:2055", nullptr,
+       "waits 6 s for a binder call into a process no input names (pid 2867, thread 3270), which "
+       "is "
+       "shown by no input (neither its state nor its stack)",
+       false},
       {"android-app-outgoing-no-thread-yet-elapsed", "18571:18657", nullptr,
        "waits 48 s for a binder call into a process no input names (pid 2055), which has no thread "
-       "that took the call"},
-      {"android-app-outgoing-no-thread-yet-elapsed", "2055:2093", nullptr, ""},
+       "that took the call",
+       true},
+      {"android-app-outgoing-no-thread-yet-elapsed", "2055:2093", nullptr, "", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.capture + std::string(" ") + c.from);
@@ -318,9 +326,9 @@ TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
     }
     report::Story story = report::build_story(inputs);
     const report::Incident& in = story.runs[0].incidents[0];
-    std::vector<std::string> causes =
-        report::chain_account(story, in, report::follow_chain(story, in));
+    std::vector<std::string> causes = report::chain_account(story, in, in.chain);
     EXPECT_EQ(causes.empty() ? "" : causes[0], c.said);
+    EXPECT_EQ(report::hangs_of(story, "")[0].culprit.empty(), !c.culprit);
   }
 }
 

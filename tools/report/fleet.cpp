@@ -228,6 +228,7 @@ std::string culprit_of(const Chain& chain) {
     return "a deadlock across processes: " + Join(members, ", ");
   }
   const Hop& last = chain.hops.back();
+  if (last.waits == "not shown") return "";  // no input shows it: the victim signs alone
   std::string where = last.task.stack.empty() ? last.where : Join(kernel_top(last.task), " < ");
   return (last.process.empty() ? "?" : last.process) + " " + without_numbers(last.thread) + " " +
          last.waits + (where.empty() ? "" : " in " + where);
