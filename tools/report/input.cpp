@@ -297,6 +297,15 @@ bool may_start_dump(std::string_view t) {
   return false;
 }
 
+// Whether the story reads a logcat line of this tag and message: the daemon's, the platform
+// watchdog's, and the lines of ActivityManager's report of an ANR that it reads.
+bool tag_read(std::string_view tag, std::string_view m) {
+  if (tag == "stall_ward" || tag == "Watchdog") return true;
+  return tag == "ActivityManager" &&
+         (starts(m, "ANR in ") || starts(m, "PID: ") || starts(m, "-----") || starts(m, "some ") ||
+          starts(m, "full "));
+}
+
 // A line of the log that the story has no use for, known at a glance: a logcat line of another
 // tag than the daemon's, or a kernel line, that cannot start a kernel dump. What this does not
 // recognise goes on to parse_line, which has the last word. The checks follow parse_logcat's and
@@ -355,16 +364,7 @@ bool passed_over(std::string_view l) {
   std::string_view tag = rest.substr(0, colon);
   while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
   while (!tag.empty() && (tag[0] == ' ' || tag[0] == '\t')) tag.remove_prefix(1);
-  // the platform watchdog's lines are read too, and ActivityManager's report of an ANR
-  if (tag.size() == 8 && memcmp(tag.data(), "Watchdog", 8) == 0) return false;
-  if (tag == "ActivityManager") {
-    std::string_view m = rest.substr(colon + 1);
-    if (!m.empty() && m[0] == ' ') m.remove_prefix(1);
-    if (starts(m, "ANR in ") || starts(m, "PID: ") || starts(m, "-----") || starts(m, "some ") ||
-        starts(m, "full "))
-      return false;
-  }
-  return tag != "stall_ward" && !may_start_dump(rest);
+  return !tag_read(tag, rest.substr(colon + 2)) && !may_start_dump(rest);
 }
 
 void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* stats,
