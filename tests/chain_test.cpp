@@ -283,8 +283,9 @@ TEST(Across, ReadsRealBinderCaptures) {
 }
 
 // A real capture beside a real daemon log whose watched thread is put in as the capture's caller:
-// the account names the callee (its thread by a real kernel log's task, put in as the callee),
-// where it blocks, and the call's age as the kernel printed it; a one-way call waits for nothing.
+// the account names the callee (its thread by a real kernel log's task, its process by a real Java
+// dump, each put in as the callee's), where it blocks, and the call's age as the kernel printed
+// it; a callee no input shows is no culprit; a one-way call waits for nothing.
 TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
   const std::string log = REPORT_FIXTURES "/logs/ABlockedThreadGetsKernelDumpsThenTheKill.log";
   report::Story plain = report::build_story({log});
@@ -298,9 +299,8 @@ TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
     bool culprit;  // the incident is signed by a culprit
   } cases[] = {
       {"android-system_server-outgoing-elapsed-offset", "2055:2055", "3270",
-       "waits 6 s for a binder call into a process no input names (pid 2867, thread Binder_5 "
-       "3270), "
-       "which waits in lock contention in `__mutex_lock.isra.0`",
+       "waits 6 s for a binder call into com.example.app (pid 2867, thread Binder_5 3270), which "
+       "waits in lock contention in `__mutex_lock.isra.0`",
        true},
       {"android-system_server-outgoing-elapsed-offset", "2055:2055", nullptr,
        "waits 6 s for a binder call into a process no input names (pid 2867, thread 3270), which "
@@ -322,7 +322,10 @@ TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
     if (c.callee != nullptr) {
       std::string kernel = read_file(REPORT_FIXTURES "/kernel/binder-4.15-arm64-hung-task.txt");
       write_file(dir.path("dmesg"), android::base::StringReplace(kernel, "54781", c.callee, true));
-      inputs.push_back(dir.path("dmesg"));
+      std::string trace = read_file(REPORT_FIXTURES "/kernel/vm-arm64-6.1-app.trace_00");
+      write_file(dir.path("trace_00"),
+                 android::base::StringReplace(trace, "pid 101", "pid 2867", 1));
+      inputs.insert(inputs.end(), {dir.path("dmesg"), dir.path("trace_00")});
     }
     report::Story story = report::build_story(inputs);
     const report::Incident& in = story.runs[0].incidents[0];
