@@ -309,29 +309,40 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
   return hangs;
 }
 
-FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool progress, FILE* errors,
-                      const std::function<void(std::vector<Hang>&&)>& take) {
-  std::vector<std::string> paths = files_of(given, true);  // a folder of bug reports, all in it
-  if (jobs <= 0) {
-    cpu_set_t cpus;
-    jobs = sched_getaffinity(0, sizeof(cpus), &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
-  }
-  jobs = std::max(1, std::min<int>(jobs, static_cast<int>(paths.size())));
-  const size_t window = 4 * static_cast<size_t>(jobs);  // how far a thread may run ahead
+namespace {
 
+// The inputs of a fleet read by several threads at once and handed on in their order.
+struct FleetRead {
   struct Done {
     bool ready = false;
     std::vector<Hang> hangs;
     std::vector<std::string> errors;
   };
-  std::vector<Done> done(paths.size());
+  const std::vector<std::string>& paths;
+  size_t window;  // how far a thread may run ahead of the input handed on next
+  bool progress;
+  FILE* errors;
+  const std::function<void(std::vector<Hang>&&)>& take;
+  std::vector<Done> done;
   std::mutex mutex;
   std::condition_variable changed;
   size_t next = 0, emitted = 0;
   FleetStats stats;
-  stats.inputs = paths.size();
   timespec last = {};
-  auto report_progress = [&](bool end) {  // with the lock held
+
+  FleetRead(const std::vector<std::string>& paths, size_t window, bool progress, FILE* errors,
+            const std::function<void(std::vector<Hang>&&)>& take)
+      : paths(paths),
+        window(window),
+        progress(progress),
+        errors(errors),
+        take(take),
+        done(paths.size()) {
+    stats.inputs = paths.size();
+  }
+
+  // The progress line on stderr, at most every 200 ms but at the end; with the lock held.
+  void report_progress(bool end) {
     if (!progress) return;
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -340,8 +351,26 @@ FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool prog
     last = now;
     fprintf(stderr, "\rstall_ward_report: %zu of %zu inputs, %.1f MB%s", emitted, paths.size(),
             static_cast<double>(stats.bytes) / 1e6, end ? "\n" : "");
-  };
-  auto worker = [&] {
+  }
+
+  // Every input ready from the next in order on, handed on; with the lock held.
+  void hand_on() {
+    while (emitted < paths.size() && done[emitted].ready) {
+      Done& e = done[emitted];
+      for (const std::string& message : e.errors)
+        fprintf(errors, "%sstall_ward_report: %s; skipped\n", progress ? "\r\33[K" : "",
+                message.c_str());
+      stats.damaged += !e.errors.empty();
+      stats.with_incidents += !e.hangs.empty();
+      take(std::move(e.hangs));
+      e = Done();
+      e.ready = true;
+      ++emitted;
+    }
+  }
+
+  // A thread's work: the next input not taken yet, while it is within the window.
+  void work() {
     std::unique_lock<std::mutex> lock(mutex);
     while (next < paths.size()) {
       size_t i = next;
@@ -361,28 +390,29 @@ FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool prog
       stats.bytes += error ? 0 : size;
       d.ready = true;
       done[i] = std::move(d);
-      // Whoever completes the next input in order hands on every one ready from there.
-      while (emitted < paths.size() && done[emitted].ready) {
-        Done& e = done[emitted];
-        for (const std::string& message : e.errors)
-          fprintf(errors, "%sstall_ward_report: %s; skipped\n", progress ? "\r\33[K" : "",
-                  message.c_str());
-        stats.damaged += !e.errors.empty();
-        stats.with_incidents += !e.hangs.empty();
-        take(std::move(e.hangs));
-        e = Done();
-        e.ready = true;
-        ++emitted;
-      }
+      hand_on();  // whoever completes the next input in order hands on every one ready
       report_progress(false);
       changed.notify_all();
     }
-  };
+  }
+};
+
+}  // namespace
+
+FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool progress, FILE* errors,
+                      const std::function<void(std::vector<Hang>&&)>& take) {
+  std::vector<std::string> paths = files_of(given, true);  // a folder of bug reports, all in it
+  if (jobs <= 0) {
+    cpu_set_t cpus;
+    jobs = sched_getaffinity(0, sizeof(cpus), &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
+  }
+  jobs = std::max(1, std::min<int>(jobs, static_cast<int>(paths.size())));
+  FleetRead read(paths, 4 * static_cast<size_t>(jobs), progress, errors, take);
   std::vector<std::thread> threads;
-  for (int t = 0; t < jobs; ++t) threads.emplace_back(worker);
+  for (int t = 0; t < jobs; ++t) threads.emplace_back([&read] { read.work(); });
   for (std::thread& t : threads) t.join();
-  report_progress(true);
-  return stats;
+  read.report_progress(true);
+  return read.stats;
 }
 
 std::string jsonl_line(const Hang& h) {
@@ -506,7 +536,8 @@ std::string Summary::html(const FleetStats& stats) const {
       "<h1>Hangs by signature</h1><p class=\"sub\">%zu inputs read (%.1f MB), %zu with "
       "incidents, %zu damaged and skipped.</p>\n<table class=\"fleet summary\"><tr><th>count</th>"
       "<th>devices</th><th>builds</th><th>first seen</th><th>last seen</th><th>process</th>"
-      "<th>thread</th><th>state</th><th>top frames</th><th>blocker</th><th>culprit</th><th>signature</th></tr>\n",
+      "<th>thread</th><th>state</th><th>top "
+      "frames</th><th>blocker</th><th>culprit</th><th>signature</th></tr>\n",
       stats.inputs, static_cast<double>(stats.bytes) / 1e6, stats.with_incidents, stats.damaged);
   std::vector<const Row*> sorted = by_count(rows);
   for (const Row* r : sorted) {
@@ -515,7 +546,8 @@ std::string Summary::html(const FleetStats& stats) const {
          cell("builds", std::to_string(r->builds.size())) + cell("first seen", r->first, true) +
          cell("last seen", r->last, true) + cell("process", escape(r->process)) +
          cell("thread", escape(r->thread)) + cell("state", escape(r->state)) +
-         cell("top frames", escape(r->frames)) + cell("blocker", escape(r->blocker)) + cell("culprit", escape(r->culprit)) +
+         cell("top frames", escape(r->frames)) + cell("blocker", escape(r->blocker)) +
+         cell("culprit", escape(r->culprit)) +
          cell("signature", "<a href=\"#" + r->signature + "\">" + r->signature + "</a>") +
          "</tr>\n";
   }
