@@ -4,6 +4,7 @@
 // kernel's logs from the virtual machine), and on bug reports assembled from both.
 #include "report/report.h"
 
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -460,9 +461,11 @@ TEST(Report, AFleetCountsEachHangUnderOneSignature) {
   }
   std::string out[2];
   for (int jsonl : {0, 1}) {
-    Child tool = spawn(STALL_WARD_REPORT_PATH,
-                       {"stall_ward_report", jsonl ? "--jsonl" : "--summary", "--jobs", "2", fleet},
-                       dir.path("err"));
+    Lines args = {"stall_ward_report", "--jsonl", "--jobs", "2", fleet};
+    if (!jsonl)
+      args = {
+          "stall_ward_report", "--summary", "--html", dir.path("page.html"), "--jobs", "2", fleet};
+    Child tool = spawn(STALL_WARD_REPORT_PATH, args, dir.path("err"));
     out[jsonl] = tool.read_all();
     EXPECT_EQ(WEXITSTATUS(tool.wait(60000)), 2);
     EXPECT_NE(read_file(dir.path("err")).find("fleet/bugreport-damaged.zip: a damaged"),
@@ -487,6 +490,28 @@ TEST(Report, AFleetCountsEachHangUnderOneSignature) {
   Child sql = spawn("/usr/bin/sqlite3", {"sqlite3", "-header", "-separator", " | ", "-cmd",
                                          ".cd " + dir.path(""), ":memory:", ".read " SUMMARY_SQL});
   EXPECT_EQ(sql.read_all(), out[0]);
+  // Its page in headless chromium, on a phone (390 px: each row a card) and a laptop: no wider
+  // than the screen, nothing cut.
+  std::string measure;
+  for (int width : {390, 1280}) {
+    measure += android::base::StringPrintf(
+        "<iframe width=\"%d\" height=\"800\" src=\"page.html\" onload=\"var d = "
+        "this.contentDocument; document.body.setAttribute('data-w%d', "
+        "d.documentElement.scrollWidth "
+        "- d.documentElement.clientWidth + ' ' + getComputedStyle(d.querySelector('td')).display)"
+        "\"></iframe>",
+        width, width);
+  }
+  write_file(dir.path("measure.html"), "<!DOCTYPE html><html><body>" + measure + "</body></html>");
+  Child browser =
+      spawn("/usr/bin/chromium",
+            {"chromium", "--headless", "--no-sandbox", "--disable-gpu",
+             "--allow-file-access-from-files", "--dump-dom", "file://" + dir.path("measure.html")},
+            dir.path("browser.log"));
+  std::string dom = browser.read_all();
+  EXPECT_EQ(browser.wait(30000), 0);
+  EXPECT_NE(dom.find("data-w390=\"0 block\""), std::string::npos) << dom.substr(0, 300);
+  EXPECT_NE(dom.find("data-w1280=\"0 table-cell\""), std::string::npos) << dom.substr(0, 300);
 }
 
 // What differs from build to build is dropped from a signature (offsets, compiler suffixes,

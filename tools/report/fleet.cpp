@@ -523,9 +523,51 @@ std::string Summary::table() const {
 namespace {
 
 // A table's cell, with its column's name for a narrow screen, where a row is shown as a card.
-std::string cell(const char* column, const std::string& html, bool time = false) {
-  return std::string("<td") + (time ? " class=\"t\"" : "") + " data-h=\"" + column + "\">" + html +
-         "</td>";
+std::string cell(const char* column, const std::string& html, const char* kind = "") {
+  return std::string("<td") + (*kind != '\0' ? std::string(" class=\"") + kind + "\"" : "") +
+         " data-h=\"" + column + "\">" + html + "</td>";
+}
+
+// Escaped text on a line of its own in a cell, with its name before it; nothing when empty.
+std::string named_line(const char* name, const std::string& text) {
+  if (text.empty()) return "";
+  return std::string("<div>") +
+         (*name != '\0' ? std::string("<span class=\"muted\">") + name + ":</span> " : "") +
+         escape(text) + "</div>";
+}
+
+// A signature's row: how often, where and when, whose hang, why, and the link to its incidents.
+std::string row_html(const Summary::Row& r) {
+  std::string seen = "<time>" + escape(r.first) + "</time>";
+  if (r.last != r.first) seen += " to <time>" + escape(r.last) + "</time>";
+  return "<tr class=\"signature\">" + cell("count", std::to_string(r.count), "n") +
+         cell("devices, builds", StringPrintf("%zu, %zu", r.devices.size(), r.builds.size()), "n") +
+         cell("seen", seen, "t") +
+         cell("hang", escape(r.thread == r.process ? r.process + " (main thread)"
+                                                   : r.thread + " of " + r.process) +
+                          " <span class=\"muted\">in " + escape(r.state) + "</span>") +
+         cell("why",
+              named_line("", r.frames) + named_line("blocker", r.blocker) +
+                  named_line("culprit", r.culprit),
+              "why") +
+         cell("signature", "<a href=\"#" + r.signature + "\">" + r.signature + "</a>", "sig") +
+         "</tr>\n";
+}
+
+// A signature's incidents: when, from which device, build and bug report, and what happened.
+std::string incidents_html(const Summary::Row& r) {
+  std::string s = "<h2 id=\"" + r.signature + "\">" + r.signature + ": " + escape(r.thread) +
+                  " of " + escape(r.process) +
+                  "</h2>\n<table class=\"fleet incidents\"><tr><th>seen</th><th>from</th>"
+                  "<th>what happened</th></tr>\n";
+  for (const Hang& h : r.incidents) {
+    s += "<tr>" + cell("seen", escape(h.seen), "t") +
+         cell("from", named_line("device", h.device) + named_line("build", h.build) +
+                          "<div><a href=\"" + escape(h.input) + "\">" + escape(h.input) +
+                          "</a></div>") +
+         cell("what happened", "<code>" + escape(h.story) + "</code>") + "</tr>\n";
+  }
+  return s + "</table>\n";
 }
 
 }  // namespace
@@ -535,36 +577,12 @@ std::string Summary::html(const FleetStats& stats) const {
   s += StringPrintf(
       "<h1>Hangs by signature</h1><p class=\"sub\">%zu inputs read (%.1f MB), %zu with "
       "incidents, %zu damaged and skipped.</p>\n<table class=\"fleet summary\"><tr><th>count</th>"
-      "<th>devices</th><th>builds</th><th>first seen</th><th>last seen</th><th>process</th>"
-      "<th>thread</th><th>state</th><th>top "
-      "frames</th><th>blocker</th><th>culprit</th><th>signature</th></tr>\n",
+      "<th>devices, builds</th><th>seen</th><th>hang</th><th>why</th><th>signature</th></tr>\n",
       stats.inputs, static_cast<double>(stats.bytes) / 1e6, stats.with_incidents, stats.damaged);
   std::vector<const Row*> sorted = by_count(rows);
-  for (const Row* r : sorted) {
-    s += "<tr class=\"signature\">" + cell("count", std::to_string(r->count)) +
-         cell("devices", std::to_string(r->devices.size())) +
-         cell("builds", std::to_string(r->builds.size())) + cell("first seen", r->first, true) +
-         cell("last seen", r->last, true) + cell("process", escape(r->process)) +
-         cell("thread", escape(r->thread)) + cell("state", escape(r->state)) +
-         cell("top frames", escape(r->frames)) + cell("blocker", escape(r->blocker)) +
-         cell("culprit", escape(r->culprit)) +
-         cell("signature", "<a href=\"#" + r->signature + "\">" + r->signature + "</a>") +
-         "</tr>\n";
-  }
+  for (const Row* r : sorted) s += row_html(*r);
   s += "</table>\n";
-  for (const Row* r : sorted) {
-    s += "<h2 id=\"" + r->signature + "\">" + r->signature + ": " + escape(r->thread) + " of " +
-         escape(r->process) +
-         "</h2>\n<table class=\"fleet incidents\"><tr><th>seen</th><th>device</th><th>build</th>"
-         "<th>bug report</th><th>what happened</th></tr>\n";
-    for (const Hang& h : r->incidents) {
-      s += "<tr>" + cell("seen", escape(h.seen), true) + cell("device", escape(h.device)) +
-           cell("build", escape(h.build)) +
-           cell("bug report", "<a href=\"" + escape(h.input) + "\">" + escape(h.input) + "</a>") +
-           cell("what happened", "<code>" + escape(h.story) + "</code>") + "</tr>\n";
-    }
-    s += "</table>\n";
-  }
+  for (const Row* r : sorted) s += incidents_html(*r);
   return s + "</body></html>\n";
 }
 
