@@ -705,7 +705,7 @@ details.dump { margin-top: 8px; font-size: 13px; } details.dump summary { cursor
 .ylabel { position: absolute; left: 4px; transform: translateY(-115%); font-size: 11px; color: #d62728; }
 .mark { stroke-width: 2; } .mark.evidence { stroke: #f59e0b; } .mark.policy { stroke: #d62728; } .mark.bind { stroke: #2563eb; stroke-dasharray: 2 3; }
 .mark.frozen, .mark.not-started { stroke: #9ca3af; stroke-dasharray: 1 3; }
-.mlabel { position: absolute; font-size: 11px; white-space: nowrap; padding: 0 4px; background: rgba(255,255,255,.85); border-radius: 3px; }
+.mlabel { position: absolute; font-size: 11px; line-height: 14px; white-space: nowrap; padding: 0 4px; background: rgba(255,255,255,.85); border-radius: 3px; }
 .mlabel.end { transform: translateX(-100%); } .mlabel.evidence { color: #b45309; } .mlabel.policy { color: #b91c1c; font-weight: 700; } .mlabel.bind { color: #2563eb; } .mlabel.frozen, .mlabel.not-started { color: var(--muted); }
 svg.band { display: block; width: 100%; height: 12px; }
 .ticks { position: relative; height: 18px; font-size: 11px; color: var(--muted); font-variant-numeric: tabular-nums; }
