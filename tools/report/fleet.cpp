@@ -419,30 +419,22 @@ std::string jsonl_line(const Hang& h) {
   auto or_null = [](const std::string& s) {
     return s.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(s);
   };
-  nlohmann::ordered_json j = {{"bugreport", h.input},
-                              {"device", or_null(h.device)},
-                              {"build", or_null(h.build)},
-                              {"taken", or_null(h.taken)},
-                              {"since", or_null(h.since)},
-                              {"seen", or_null(h.seen)},
-                              {"acted", or_null(h.acted)},
-                              {"process", h.process},
-                              {"pid", h.pid},
-                              {"thread", h.thread},
-                              {"tid", h.tid},
-                              {"state", std::string(1, h.state)},
-                              {"evidence", h.evidence},
-                              {"action", h.action},
-                              {"story", h.story},
-                              {"kernel_stack", h.kernel_stack},
-                              {"java_stack", h.java_stack},
-                              {"native_stack", h.native_stack},
-                              {"frames", h.frames},
-                              {"blocker", h.blocker},
-                              {"culprit", h.culprit},
-                              {"chain", chain_hops_json<nlohmann::ordered_json>(h.chain)},
-                              {"signature", h.signature},
-                              {"signature_version", kSignatureVersion}};
+  auto id_or_null = [](int id) {
+    return id > 0 ? nlohmann::ordered_json(id) : nlohmann::ordered_json();
+  };
+  nlohmann::ordered_json j = {
+      {"bugreport", h.input},       {"device", or_null(h.device)},
+      {"build", or_null(h.build)},  {"taken", or_null(h.taken)},
+      {"since", or_null(h.since)},  {"seen", or_null(h.seen)},
+      {"acted", or_null(h.acted)},  {"process", h.process},
+      {"pid", id_or_null(h.pid)},   {"thread", h.thread},
+      {"tid", id_or_null(h.tid)},   {"state", std::string(1, h.state)},
+      {"evidence", h.evidence},     {"action", h.action},
+      {"story", h.story},           {"kernel_stack", h.kernel_stack},
+      {"java_stack", h.java_stack}, {"native_stack", h.native_stack},
+      {"frames", h.frames},         {"blocker", h.blocker},
+      {"culprit", h.culprit},       {"chain", chain_hops_json<nlohmann::ordered_json>(h.chain)},
+      {"signature", h.signature},   {"signature_version", kSignatureVersion}};
   return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 

@@ -1032,7 +1032,7 @@ nlohmann::json record_json(const Story& story, const Run& run, const Record& rec
         {{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", named(story, run, m.text)}});
   return {{"thread", rec.name},
           {"process", name_or_null(rec.process)},
-          {"cmd", rec.cmd},
+          {"cmd", name_or_null(rec.cmd)},
           {"pid", pid_or_null(rec.pid)},
           {"tid", pid_or_null(rec.tid)},
           {"points", points},
