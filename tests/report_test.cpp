@@ -281,6 +281,70 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   EXPECT_NE(dom.find("<div class=\"timeline\"><div class=\"plot\"><svg"), std::string::npos);
 }
 
+// The pages in headless chromium, on a phone (390 px) and a laptop (1280 px): none wider than the
+// screen, the fleet's table as cards on the phone only, and no timeline label over another where
+// a real log's marks stand close (not found, then the evidence one sweep later; rebinds).
+TEST(Report, ThePagesFitAPhoneAndALaptopWithNoLabelOverAnother) {
+  TempDir dir;
+  ASSERT_EQ(
+      spawn(STALL_WARD_REPORT_PATH, {"r", "--summary", "--html", dir.path("fleet.html"), "--jobs",
+                                     "1", REPORT_FIXTURES "/logs", REPORT_FIXTURES "/bugreport"})
+          .wait(20000),
+      0);
+  for (const char* log : {"TheCheckersLiveFindingsAreWhatTheDaemonDoes",
+                          "TheCheckersLiveFindingsAreWhatTheDaemonDoes-3"}) {
+    ASSERT_EQ(spawn(STALL_WARD_REPORT_PATH,
+                    {"r", "--html", dir.path(std::string(log) + ".html"), daemon_log(log)})
+                  .wait(20000),
+              0);
+  }
+  // Each page in a frame of each width; the frame's body gets "overflow, labels over another, how
+  // a table cell shows".
+  std::string page = R"(<!DOCTYPE html><html><head><script>
+function measure(frame) {
+  var d = frame.contentDocument, over = 0, td = d.querySelector('td');
+  d.querySelectorAll('.plot').forEach(function (plot) {
+    var r = Array.prototype.map.call(plot.querySelectorAll('.mlabel, .ylabel'),
+                                     function (e) { return e.getBoundingClientRect(); });
+    for (var i = 0; i < r.length; ++i)
+      for (var j = i + 1; j < r.length; ++j)
+        over += r[i].left < r[j].right && r[j].left < r[i].right && r[i].top < r[j].bottom &&
+                r[j].top < r[i].bottom;
+  });
+  document.body.setAttribute('data-' + frame.id, (d.documentElement.scrollWidth -
+      d.documentElement.clientWidth) + ' ' + over + ' ' + (td ? getComputedStyle(td).display : ''));
+}
+</script></head><body>)";
+  auto frame_id = [](std::string name, int width) {  // as an attribute's name: lower case
+    std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+    return name + std::to_string(width);
+  };
+  const char* pages[] = {"fleet", "TheCheckersLiveFindingsAreWhatTheDaemonDoes",
+                         "TheCheckersLiveFindingsAreWhatTheDaemonDoes-3"};
+  for (const char* name : pages) {
+    for (int width : {390, 1280}) {
+      page += "<iframe id=\"" + frame_id(name, width) + "\" width=\"" + std::to_string(width) +
+              "\" height=\"800\" src=\"" + name + ".html\" onload=\"measure(this)\"></iframe>";
+    }
+  }
+  write_file(dir.path("measure.html"), page + "</body></html>");
+  Child browser =
+      spawn("/usr/bin/chromium",
+            {"chromium", "--headless", "--no-sandbox", "--disable-gpu",
+             "--allow-file-access-from-files", "--dump-dom", "file://" + dir.path("measure.html")},
+            dir.path("browser.log"));
+  std::string dom = browser.read_all();
+  EXPECT_EQ(browser.wait(30000), 0);
+  for (const char* name : pages) {
+    for (int width : {390, 1280}) {
+      std::string table = name[0] != 'f' ? "" : width == 390 ? "block" : "table-cell";
+      EXPECT_NE(dom.find("data-" + frame_id(name, width) + "=\"0 0 " + table + "\""),
+                std::string::npos)
+          << name << " at " << width << " px: " << dom.substr(0, dom.find("<iframe"));
+    }
+  }
+}
+
 }  // namespace
 
 namespace {

@@ -64,8 +64,9 @@ static const char kHelp[] =
     "               native stacks, the blocker and the chain across processes hop by hop, and\n"
     "               the daemon's own events (self-watchdog,\n"
     "               slow sweeps) apart\n"
-    "  --json       print JSON instead of the text account (schema_version 1; every time in ms,\n"
-    "               with the year and zone where the input gives them; README has its fields)\n"
+    "  --json       print JSON instead of the text account (an unknown value is null; every time\n"
+    "               in ms, with the year and zone where the input gives them; README has its\n"
+    "               fields and their schema_version)\n"
     "  --stats      end with the time taken and the peak memory, on stderr\n"
     "\n"
     "A fleet: each INPUT (a folder: every file under it) is one device's bug report, read on its\n"
@@ -89,13 +90,20 @@ static const char kHelp[] =
     "Exit status: 0, 2 when an input cannot be read (a zip cut short or damaged included), 64\n"
     "for a bad command line (no input, an unknown option).\n";
 
-int main(int argc, char** argv) {
+namespace {
+
+constexpr const char kTool[] = "stall_ward_report";
+
+struct Options {
   std::vector<std::string> inputs;
   std::string html;
   bool json = false, stats = false, summary = false, jsonl = false;
   int jobs = 0;
-  timespec start = {};
-  clock_gettime(CLOCK_MONOTONIC, &start);
+};
+
+// Reads the command line into `opts`; -1 to go on, else the exit status (help, version, or a
+// one-line reason for a bad command line).
+int parse_options(int argc, char** argv, Options* opts) {
   const option options[] = {{"html", required_argument, nullptr, 'o'},
                             {"json", no_argument, nullptr, 'j'},
                             {"stats", no_argument, nullptr, 's'},
@@ -108,83 +116,108 @@ int main(int argc, char** argv) {
   opterr = 0;
   for (int c; (c = getopt_long(argc, argv, ":h", options, nullptr)) != -1;) {
     if (c == 'o') {
-      html = optarg;
+      opts->html = optarg;
     } else if (c == 'j') {
-      json = true;
+      opts->json = true;
     } else if (c == 's') {
-      stats = true;
+      opts->stats = true;
     } else if (c == 'S') {
-      summary = true;
+      opts->summary = true;
     } else if (c == 'l') {
-      jsonl = true;
+      opts->jsonl = true;
     } else if (c == 'J' && atoi(optarg) > 0) {
-      jobs = atoi(optarg);
+      opts->jobs = atoi(optarg);
     } else if (c == 'h') {
       fputs(kHelp, stdout);
       return EX_OK;
     } else if (c == cli::kVersionOption) {
-      return cli::version("stall_ward_report");
+      return cli::version(kTool);
     } else if (c == 'J') {
-      cli::error("stall_ward_report", "--jobs takes a count above 0, not \"%s\"", optarg);
+      cli::error(kTool, "--jobs takes a count above 0, not \"%s\"", optarg);
       return EX_USAGE;
     } else {
-      return cli::bad_option("stall_ward_report", c, argv);
+      return cli::bad_option(kTool, c, argv);
     }
   }
-  inputs.assign(argv + optind, argv + argc);
-  // No input, or outputs that exclude each other (--summary or --jsonl beside --json, --jsonl
-  // beside a page).
-  if (inputs.empty()) {
-    cli::error("stall_ward_report", "no input: name logs, bug reports or folders (see --help)");
-    return EX_USAGE;
+  opts->inputs.assign(argv + optind, argv + argc);
+  return -1;
+}
+
+// No input, or outputs that exclude each other (--summary or --jsonl beside --json, --jsonl
+// beside a page): the reason on one line, and false.
+bool coherent(const Options& opts) {
+  if (opts.inputs.empty()) {
+    cli::error(kTool, "no input: name logs, bug reports or folders (see --help)");
+    return false;
   }
-  if ((summary && (jsonl || json)) || (jsonl && (json || !html.empty()))) {
-    cli::error("stall_ward_report",
+  if ((opts.summary && (opts.jsonl || opts.json)) ||
+      (opts.jsonl && (opts.json || !opts.html.empty()))) {
+    cli::error(kTool,
                "--summary and --jsonl each stand alone: --summary takes no "
                "--json or --jsonl, --jsonl no --json or --html");
-    return EX_USAGE;
+    return false;
   }
-  bool failed = false, nothing = false;
-  if (summary || jsonl) {
-    report::Summary table;
-    table.pages = !html.empty();
-    report::FleetStats fleet = report::read_fleet(
-        inputs, jobs, isatty(STDERR_FILENO) != 0, stderr, [&](std::vector<report::Hang>&& hangs) {
-          for (report::Hang& h : hangs) {
-            if (jsonl) {
-              fputs(report::jsonl_line(h).c_str(), stdout);
-            } else {
-              table.add(std::move(h));
-            }
-          }
-        });
-    if (summary) fputs(table.table().c_str(), stdout);
-    failed = fleet.damaged > 0;
-    if (!html.empty() && !android::base::WriteStringToFile(table.html(fleet), html)) {
-      fprintf(stderr, "stall_ward_report: cannot write %s\n", html.c_str());
-      return 2;
-    }
-  } else {
-    report::Story story = report::build_story(inputs);
-    fputs((json ? report::json_report(story) : report::text_report(story)).c_str(), stdout);
-    if (!html.empty() && !android::base::WriteStringToFile(report::html_report(story), html)) {
-      fprintf(stderr, "stall_ward_report: cannot write %s\n", html.c_str());
-      return 2;
-    }
-    failed = !story.input.errors.empty();
-    if (!failed && story.input.daemon == 0) {
-      cli::error("stall_ward_report", "%s", report::kNoDaemonLine);
-      nothing = true;
-    }
-  }
-  if (stats) {
-    timespec end = {};
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    fprintf(stderr, "stall_ward_report: %.2f s, peak memory %ld KiB\n",
-            static_cast<double>(end.tv_sec - start.tv_sec) + (end.tv_nsec - start.tv_nsec) / 1e9,
-            usage.ru_maxrss);
-  }
-  return failed ? 2 : nothing ? 1 : 0;
+  return true;
+}
+
+bool write_page(const std::string& page, const std::string& file) {
+  if (android::base::WriteStringToFile(page, file)) return true;
+  fprintf(stderr, "%s: cannot write %s\n", kTool, file.c_str());
+  return false;
+}
+
+// Each input a device's bug report: one incident a line, or the table of signatures (and its
+// page). 2 when an input is damaged or the page cannot be written.
+int fleet(const Options& opts) {
+  report::Summary table;
+  table.pages = !opts.html.empty();
+  report::FleetStats stats = report::read_fleet(opts.inputs, opts.jobs, isatty(STDERR_FILENO) != 0,
+                                                stderr, [&](std::vector<report::Hang>&& hangs) {
+                                                  for (report::Hang& h : hangs) {
+                                                    if (opts.jsonl) {
+                                                      fputs(report::jsonl_line(h).c_str(), stdout);
+                                                    } else {
+                                                      table.add(std::move(h));
+                                                    }
+                                                  }
+                                                });
+  if (opts.summary) fputs(table.table().c_str(), stdout);
+  if (!opts.html.empty() && !write_page(table.html(stats), opts.html)) return 2;
+  return stats.damaged > 0 ? 2 : 0;
+}
+
+// The inputs as one story: the account or its JSON (and its page). 2 when an input cannot be
+// read or the page written, 1 when no line of the daemon was found.
+int story(const Options& opts) {
+  report::Story story = report::build_story(opts.inputs);
+  fputs((opts.json ? report::json_report(story) : report::text_report(story)).c_str(), stdout);
+  if (!opts.html.empty() && !write_page(report::html_report(story), opts.html)) return 2;
+  if (!story.input.errors.empty()) return 2;
+  if (story.input.daemon > 0) return 0;
+  cli::error(kTool, "%s", report::kNoDaemonLine);
+  return 1;
+}
+
+void print_stats(const timespec& start) {
+  timespec end = {};
+  clock_gettime(CLOCK_MONOTONIC, &end);
+  rusage usage = {};
+  getrusage(RUSAGE_SELF, &usage);
+  fprintf(stderr, "%s: %.2f s, peak memory %ld KiB\n", kTool,
+          static_cast<double>(end.tv_sec - start.tv_sec) + (end.tv_nsec - start.tv_nsec) / 1e9,
+          usage.ru_maxrss);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  timespec start = {};
+  clock_gettime(CLOCK_MONOTONIC, &start);
+  Options opts;
+  int status = parse_options(argc, argv, &opts);
+  if (status >= 0) return status;
+  if (!coherent(opts)) return EX_USAGE;
+  status = opts.summary || opts.jsonl ? fleet(opts) : story(opts);
+  if (opts.stats) print_stats(start);
+  return status;
 }

@@ -310,29 +310,40 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
   return hangs;
 }
 
-FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool progress, FILE* errors,
-                      const std::function<void(std::vector<Hang>&&)>& take) {
-  std::vector<std::string> paths = files_of(given, true);  // a folder of bug reports, all in it
-  if (jobs <= 0) {
-    cpu_set_t cpus;
-    jobs = sched_getaffinity(0, sizeof(cpus), &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
-  }
-  jobs = std::max(1, std::min<int>(jobs, static_cast<int>(paths.size())));
-  const size_t window = 4 * static_cast<size_t>(jobs);  // how far a thread may run ahead
+namespace {
 
+// The inputs of a fleet read by several threads at once and handed on in their order.
+struct FleetRead {
   struct Done {
     bool ready = false;
     std::vector<Hang> hangs;
     std::vector<std::string> errors;
   };
-  std::vector<Done> done(paths.size());
+  const std::vector<std::string>& paths;
+  size_t window;  // how far a thread may run ahead of the input handed on next
+  bool progress;
+  FILE* errors;
+  const std::function<void(std::vector<Hang>&&)>& take;
+  std::vector<Done> done;
   std::mutex mutex;
   std::condition_variable changed;
   size_t next = 0, emitted = 0;
   FleetStats stats;
-  stats.inputs = paths.size();
   timespec last = {};
-  auto report_progress = [&](bool end) {  // with the lock held
+
+  FleetRead(const std::vector<std::string>& paths, size_t window, bool progress, FILE* errors,
+            const std::function<void(std::vector<Hang>&&)>& take)
+      : paths(paths),
+        window(window),
+        progress(progress),
+        errors(errors),
+        take(take),
+        done(paths.size()) {
+    stats.inputs = paths.size();
+  }
+
+  // The progress line on stderr, at most every 200 ms but at the end; with the lock held.
+  void report_progress(bool end) {
     if (!progress) return;
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -341,8 +352,26 @@ FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool prog
     last = now;
     fprintf(stderr, "\rstall_ward_report: %zu of %zu inputs, %.1f MB%s", emitted, paths.size(),
             static_cast<double>(stats.bytes) / 1e6, end ? "\n" : "");
-  };
-  auto worker = [&] {
+  }
+
+  // Every input ready from the next in order on, handed on; with the lock held.
+  void hand_on() {
+    while (emitted < paths.size() && done[emitted].ready) {
+      Done& e = done[emitted];
+      for (const std::string& message : e.errors)
+        fprintf(errors, "%sstall_ward_report: %s; skipped\n", progress ? "\r\33[K" : "",
+                message.c_str());
+      stats.damaged += !e.errors.empty();
+      stats.with_incidents += !e.hangs.empty();
+      take(std::move(e.hangs));
+      e = Done();
+      e.ready = true;
+      ++emitted;
+    }
+  }
+
+  // A thread's work: the next input not taken yet, while it is within the window.
+  void work() {
     std::unique_lock<std::mutex> lock(mutex);
     while (next < paths.size()) {
       size_t i = next;
@@ -362,58 +391,51 @@ FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool prog
       stats.bytes += error ? 0 : size;
       d.ready = true;
       done[i] = std::move(d);
-      // Whoever completes the next input in order hands on every one ready from there.
-      while (emitted < paths.size() && done[emitted].ready) {
-        Done& e = done[emitted];
-        for (const std::string& message : e.errors)
-          fprintf(errors, "%sstall_ward_report: %s; skipped\n", progress ? "\r\33[K" : "",
-                  message.c_str());
-        stats.damaged += !e.errors.empty();
-        stats.with_incidents += !e.hangs.empty();
-        take(std::move(e.hangs));
-        e = Done();
-        e.ready = true;
-        ++emitted;
-      }
+      hand_on();  // whoever completes the next input in order hands on every one ready
       report_progress(false);
       changed.notify_all();
     }
-  };
+  }
+};
+
+}  // namespace
+
+FleetStats read_fleet(const std::vector<std::string>& given, int jobs, bool progress, FILE* errors,
+                      const std::function<void(std::vector<Hang>&&)>& take) {
+  std::vector<std::string> paths = files_of(given, true);  // a folder of bug reports, all in it
+  if (jobs <= 0) {
+    cpu_set_t cpus;
+    jobs = sched_getaffinity(0, sizeof(cpus), &cpus) == 0 ? CPU_COUNT(&cpus) : 1;
+  }
+  jobs = std::max(1, std::min<int>(jobs, static_cast<int>(paths.size())));
+  FleetRead read(paths, 4 * static_cast<size_t>(jobs), progress, errors, take);
   std::vector<std::thread> threads;
-  for (int t = 0; t < jobs; ++t) threads.emplace_back(worker);
+  for (int t = 0; t < jobs; ++t) threads.emplace_back([&read] { read.work(); });
   for (std::thread& t : threads) t.join();
-  report_progress(true);
-  return stats;
+  read.report_progress(true);
+  return read.stats;
 }
 
 std::string jsonl_line(const Hang& h) {
   auto or_null = [](const std::string& s) {
     return s.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(s);
   };
-  nlohmann::ordered_json j = {{"bugreport", h.input},
-                              {"device", or_null(h.device)},
-                              {"build", or_null(h.build)},
-                              {"taken", or_null(h.taken)},
-                              {"since", or_null(h.since)},
-                              {"seen", or_null(h.seen)},
-                              {"acted", or_null(h.acted)},
-                              {"process", h.process},
-                              {"pid", h.pid},
-                              {"thread", h.thread},
-                              {"tid", h.tid},
-                              {"state", std::string(1, h.state)},
-                              {"evidence", h.evidence},
-                              {"action", h.action},
-                              {"story", h.story},
-                              {"kernel_stack", h.kernel_stack},
-                              {"java_stack", h.java_stack},
-                              {"native_stack", h.native_stack},
-                              {"frames", h.frames},
-                              {"blocker", h.blocker},
-                              {"culprit", h.culprit},
-                              {"chain", chain_hops_json<nlohmann::ordered_json>(h.chain)},
-                              {"signature", h.signature},
-                              {"signature_version", kSignatureVersion}};
+  auto id_or_null = [](int id) {
+    return id > 0 ? nlohmann::ordered_json(id) : nlohmann::ordered_json();
+  };
+  nlohmann::ordered_json j = {
+      {"bugreport", h.input},       {"device", or_null(h.device)},
+      {"build", or_null(h.build)},  {"taken", or_null(h.taken)},
+      {"since", or_null(h.since)},  {"seen", or_null(h.seen)},
+      {"acted", or_null(h.acted)},  {"process", h.process},
+      {"pid", id_or_null(h.pid)},   {"thread", h.thread},
+      {"tid", id_or_null(h.tid)},   {"state", std::string(1, h.state)},
+      {"evidence", h.evidence},     {"action", h.action},
+      {"story", h.story},           {"kernel_stack", h.kernel_stack},
+      {"java_stack", h.java_stack}, {"native_stack", h.native_stack},
+      {"frames", h.frames},         {"blocker", h.blocker},
+      {"culprit", h.culprit},       {"chain", chain_hops_json<nlohmann::ordered_json>(h.chain)},
+      {"signature", h.signature},   {"signature_version", kSignatureVersion}};
   return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
@@ -494,9 +516,51 @@ std::string Summary::table() const {
 namespace {
 
 // A table's cell, with its column's name for a narrow screen, where a row is shown as a card.
-std::string cell(const char* column, const std::string& html, bool time = false) {
-  return std::string("<td") + (time ? " class=\"t\"" : "") + " data-h=\"" + column + "\">" + html +
-         "</td>";
+std::string cell(const char* column, const std::string& html, const char* kind = "") {
+  return std::string("<td") + (*kind != '\0' ? std::string(" class=\"") + kind + "\"" : "") +
+         " data-h=\"" + column + "\">" + html + "</td>";
+}
+
+// Escaped text on a line of its own in a cell, with its name before it; nothing when empty.
+std::string named_line(const char* name, const std::string& text) {
+  if (text.empty()) return "";
+  return std::string("<div>") +
+         (*name != '\0' ? std::string("<span class=\"muted\">") + name + ":</span> " : "") +
+         escape(text) + "</div>";
+}
+
+// A signature's row: how often, where and when, whose hang, why, and the link to its incidents.
+std::string row_html(const Summary::Row& r) {
+  std::string seen = "<time>" + escape(r.first) + "</time>";
+  if (r.last != r.first) seen += " to <time>" + escape(r.last) + "</time>";
+  return "<tr class=\"signature\">" + cell("count", std::to_string(r.count), "n") +
+         cell("devices, builds", StringPrintf("%zu, %zu", r.devices.size(), r.builds.size()), "n") +
+         cell("seen", seen, "t") +
+         cell("hang", escape(r.thread == r.process ? r.process + " (main thread)"
+                                                   : r.thread + " of " + r.process) +
+                          " <span class=\"muted\">in " + escape(r.state) + "</span>") +
+         cell("why",
+              named_line("", r.frames) + named_line("blocker", r.blocker) +
+                  named_line("culprit", r.culprit),
+              "why") +
+         cell("signature", "<a href=\"#" + r.signature + "\">" + r.signature + "</a>", "sig") +
+         "</tr>\n";
+}
+
+// A signature's incidents: when, from which device, build and bug report, and what happened.
+std::string incidents_html(const Summary::Row& r) {
+  std::string s = "<h2 id=\"" + r.signature + "\">" + r.signature + ": " + escape(r.thread) +
+                  " of " + escape(r.process) +
+                  "</h2>\n<table class=\"fleet incidents\"><tr><th>seen</th><th>from</th>"
+                  "<th>what happened</th></tr>\n";
+  for (const Hang& h : r.incidents) {
+    s += "<tr>" + cell("seen", escape(h.seen), "t") +
+         cell("from", named_line("device", h.device) + named_line("build", h.build) +
+                          "<div><a href=\"" + escape(h.input) + "\">" + escape(h.input) +
+                          "</a></div>") +
+         cell("what happened", "<code>" + escape(h.story) + "</code>") + "</tr>\n";
+  }
+  return s + "</table>\n";
 }
 
 }  // namespace
@@ -506,34 +570,12 @@ std::string Summary::html(const FleetStats& stats) const {
   s += StringPrintf(
       "<h1>Hangs by signature</h1><p class=\"sub\">%zu inputs read (%.1f MB), %zu with "
       "incidents, %zu damaged and skipped.</p>\n<table class=\"fleet summary\"><tr><th>count</th>"
-      "<th>devices</th><th>builds</th><th>first seen</th><th>last seen</th><th>process</th>"
-      "<th>thread</th><th>state</th><th>top frames</th><th>blocker</th><th>culprit</th><th>signature</th></tr>\n",
+      "<th>devices, builds</th><th>seen</th><th>hang</th><th>why</th><th>signature</th></tr>\n",
       stats.inputs, static_cast<double>(stats.bytes) / 1e6, stats.with_incidents, stats.damaged);
   std::vector<const Row*> sorted = by_count(rows);
-  for (const Row* r : sorted) {
-    s += "<tr class=\"signature\">" + cell("count", std::to_string(r->count)) +
-         cell("devices", std::to_string(r->devices.size())) +
-         cell("builds", std::to_string(r->builds.size())) + cell("first seen", r->first, true) +
-         cell("last seen", r->last, true) + cell("process", escape(r->process)) +
-         cell("thread", escape(r->thread)) + cell("state", escape(r->state)) +
-         cell("top frames", escape(r->frames)) + cell("blocker", escape(r->blocker)) + cell("culprit", escape(r->culprit)) +
-         cell("signature", "<a href=\"#" + r->signature + "\">" + r->signature + "</a>") +
-         "</tr>\n";
-  }
+  for (const Row* r : sorted) s += row_html(*r);
   s += "</table>\n";
-  for (const Row* r : sorted) {
-    s += "<h2 id=\"" + r->signature + "\">" + r->signature + ": " + escape(r->thread) + " of " +
-         escape(r->process) +
-         "</h2>\n<table class=\"fleet incidents\"><tr><th>seen</th><th>device</th><th>build</th>"
-         "<th>bug report</th><th>what happened</th></tr>\n";
-    for (const Hang& h : r->incidents) {
-      s += "<tr>" + cell("seen", escape(h.seen), true) + cell("device", escape(h.device)) +
-           cell("build", escape(h.build)) +
-           cell("bug report", "<a href=\"" + escape(h.input) + "\">" + escape(h.input) + "</a>") +
-           cell("what happened", "<code>" + escape(h.story) + "</code>") + "</tr>\n";
-    }
-    s += "</table>\n";
-  }
+  for (const Row* r : sorted) s += incidents_html(*r);
   return s + "</body></html>\n";
 }
 

@@ -39,6 +39,48 @@ std::string frame(const std::string& t) {
   return slash == std::string::npos ? rest : rest.substr(slash + 1);
 }
 
+// A thread's first line: "name" [daemon ]prio=5 tid=12 Blocked, or a native process's "name"
+// sysTid=1301 (then the dump is not a Java one). False for another line.
+bool thread_line(const std::string& t, ProcessDump* dump) {
+  size_t quote = t.rfind('"');
+  if (!StartsWith(t, "\"") || quote == 0 || quote == std::string::npos) return false;
+  StackThread thread;
+  thread.name = t.substr(1, quote - 1);
+  std::string rest = t.substr(quote + 1);
+  size_t id = rest.find(" tid=");
+  size_t sys = rest.find("sysTid=");
+  if (id != std::string::npos) {
+    char state[64] = {};
+    if (sscanf(rest.c_str() + id, " tid=%d %63s", &thread.java_id, state) >= 1)
+      thread.state = state;
+  } else if (sys != std::string::npos) {
+    thread.tid = atoi(rest.c_str() + sys + 7);
+    dump->java = false;
+  } else {
+    return true;  // a quoted line that is no thread's: passed by
+  }
+  dump->threads.push_back(thread);
+  return true;
+}
+
+// A lock line ("- waiting to lock <0x0a1b2c3d> (a java.lang.Object) held by thread 12", "- locked
+// ..."), kept among the frames; a wait for a monitor names what and whom the thread waits for.
+void lock_line(const std::string& t, StackThread* thread) {
+  thread->stack.push_back(t);
+  std::string what;
+  for (const char* waits : {"- waiting to lock ", "- waiting for lock inflation of "}) {
+    if (StartsWith(t, waits)) what = t.substr(strlen(waits));
+  }
+  if (what.empty() || StartsWith(what, "an unknown object")) return;  // not a monitor's wait
+  size_t held = what.find(" held by ");
+  thread->waits_for = what.substr(0, held);
+  if (held == std::string::npos) return;
+  // " held by thread 12" (the runtime), " held by tid=12 (name)" (before the runtime)
+  const char* n = what.c_str() + held + 9;
+  while (*n != '\0' && !isdigit(static_cast<unsigned char>(*n))) ++n;
+  thread->held_by = atoi(n);
+}
+
 }  // namespace
 
 void JavaReader::add(const std::string& raw) {
@@ -65,28 +107,7 @@ void JavaReader::add(const std::string& raw) {
     dump.cmd = t.substr(10);
     return;
   }
-  size_t quote = t.rfind('"');
-  if (StartsWith(t, "\"") && quote > 0 && quote != std::string::npos) {
-    // "name" [daemon ]prio=5 tid=12 Blocked, or a native process's "name" sysTid=1301
-    StackThread thread;
-    thread.name = t.substr(1, quote - 1);
-    std::string rest = t.substr(quote + 1);
-    size_t id = rest.find(" tid=");
-    size_t sys = rest.find("sysTid=");
-    if (id != std::string::npos) {
-      char state[64] = {};
-      if (sscanf(rest.c_str() + id, " tid=%d %63s", &thread.java_id, state) >= 1)
-        thread.state = state;
-    } else if (sys != std::string::npos) {
-      thread.tid = atoi(rest.c_str() + sys + 7);
-      dump.java = false;
-    } else {
-      return;
-    }
-    dump.threads.push_back(thread);
-    return;
-  }
-  if (dump.threads.empty()) return;
+  if (thread_line(t, &dump) || dump.threads.empty()) return;
   StackThread& thread = dump.threads.back();
   size_t sys = t.find("| sysTid=");
   if (sys != std::string::npos) {
@@ -94,19 +115,7 @@ void JavaReader::add(const std::string& raw) {
   } else if (StartsWith(t, "at ") || StartsWith(t, "native: #") || StartsWith(t, "#")) {
     thread.stack.push_back(frame(t));
   } else if (StartsWith(t, "- ")) {
-    thread.stack.push_back(t);
-    std::string what;
-    for (const char* waits : {"- waiting to lock ", "- waiting for lock inflation of "}) {
-      if (StartsWith(t, waits)) what = t.substr(strlen(waits));
-    }
-    if (what.empty() || StartsWith(what, "an unknown object")) return;  // not a monitor's wait
-    size_t held = what.find(" held by ");
-    thread.waits_for = what.substr(0, held);
-    if (held == std::string::npos) return;
-    // " held by thread 12" (the runtime), " held by tid=12 (name)" (before the runtime)
-    const char* n = what.c_str() + held + 9;
-    while (*n != '\0' && !isdigit(static_cast<unsigned char>(*n))) ++n;
-    thread.held_by = atoi(n);
+    lock_line(t, &thread);
   }
 }
 

@@ -124,6 +124,87 @@ bool dump_text(const std::string& t) {
          parse_frame(t, &function, &unsure);
 }
 
+// The text of a kernel line as the dump's reader takes it, its caller field dropped; from logcat -b
+// kernel, the line's first word put back where logcat took it for the tag and only so it reads as
+// a dump's.
+std::string kernel_text(const Line& line) {
+  std::string t = android::base::Trim(drop_caller(android::base::Trim(line.text)));
+  if (line.kind != Line::kLogcat) return t;
+  for (const std::string& joined : {line.tag + ": " + line.text, line.tag + " " + line.text}) {
+    std::string j = android::base::Trim(drop_caller(joined));
+    if (!dump_text(t) && dump_text(j)) t = j;
+  }
+  return t;
+}
+
+// The dump's last task or frame was read at the kernel clock `now`.
+void seen(KernelReader* r, double now) {
+  r->last_s = now;
+  r->idle = 0;
+}
+
+void start_dump(KernelReader* r, const Line& line, const char* kind, double now) {
+  r->dumps.emplace_back();
+  r->open = static_cast<int>(r->dumps.size() - 1);
+  r->task = -1;
+  KernelDump& dump = r->dumps.back();
+  dump.clock = line.clock;
+  dump.ms = line.ms;
+  dump.kind = kind;
+  dump.last_boot = line.from == Line::kLastBoot;
+  dump.section = line.section;
+  seen(r, now);
+}
+
+constexpr const char kHung[] = "INFO: task ";
+
+// 6.x: "INFO: task NAME:PID is blocked on a mutex likely owned by task OWNER:PID." (or "...
+// <reader> blocked on an rw-semaphore likely owned by task OWNER:PID <writer>", "... blocked on a
+// semaphore likely last held by task OWNER:PID"), of the task just read; the owner's own task line
+// and stack follow. False for another line.
+bool read_owner(KernelReader* r, const std::string& t) {
+  const char* said = " likely owned by task ";
+  size_t likely = t.find(said);
+  if (likely == std::string::npos) likely = t.find(said = " likely last held by task ");
+  if (!StartsWith(t, kHung) || likely == std::string::npos) return false;
+  if (r->open >= 0 && r->task >= 0) {
+    std::string owner = t.substr(likely + strlen(said));
+    size_t role = owner.rfind(" <");  // " <writer>"
+    if (role != std::string::npos && android::base::EndsWith(owner, ">")) owner.resize(role);
+    while (!owner.empty() && (owner.back() == '.' || owner.back() == ' ')) owner.pop_back();
+    r->dumps[r->open].tasks[r->task].owner = owner;
+  }
+  return true;
+}
+
+// A line inside a dump: a CPU's line of SysRq l, a task line, or a frame of the last task.
+void read_body(KernelReader* r, const std::string& t, double now) {
+  KernelDump& dump = r->dumps[r->open];
+  KernelTask parsed;
+  std::string function;
+  unsigned cpu = 0;
+  int pid = 0;
+  char comm[64] = {};
+  if (dump.kind == "SysRq l" &&
+      sscanf(t.c_str(), "CPU: %u PID: %d Comm: %63s", &cpu, &pid, comm) == 3) {
+    parsed.comm = comm;
+    parsed.pid = pid;
+    parsed.state = 'R';
+    dump.tasks.push_back(parsed);
+    r->task = static_cast<int>(dump.tasks.size() - 1);
+    seen(r, now);
+  } else if (dump.kind != "SysRq l" && parse_task(t, &parsed)) {
+    dump.tasks.push_back(parsed);
+    r->task = static_cast<int>(dump.tasks.size() - 1);
+    seen(r, now);
+  } else if (bool unsure = false; r->task >= 0 && parse_frame(t, &function, &unsure)) {
+    dump.tasks[r->task].stack.push_back(function);
+    dump.tasks[r->task].unsure.push_back(unsure);
+    seen(r, now);
+  }
+  dump.cut = !dump.tasks.empty() && dump.tasks.back().stack.empty();
+}
+
 }  // namespace
 
 bool scheduler_frame(const std::string& function) {
@@ -160,95 +241,29 @@ void KernelReader::add(const Line& line) {
       line.text.find("task:") == std::string::npos && line.tag != "task") {
     return;  // outside a dump only its start counts
   }
-  std::string t = android::base::Trim(drop_caller(android::base::Trim(line.text)));
-  if (line.kind == Line::kLogcat) {
-    // logcat -b kernel may have taken the line's first word for its tag.
-    for (const std::string& joined : {line.tag + ": " + line.text, line.tag + " " + line.text}) {
-      std::string j = android::base::Trim(drop_caller(joined));
-      if (!dump_text(t) && dump_text(j)) t = j;
-    }
-  }
+  std::string t = kernel_text(line);
   double now = seconds(line.clock);
-  auto start = [&](const char* kind) {
-    dumps.emplace_back();
-    open = static_cast<int>(dumps.size() - 1);
-    task = -1;
-    dumps[open].clock = line.clock;
-    dumps[open].ms = line.ms;
-    dumps[open].kind = kind;
-    dumps[open].last_boot = line.from == Line::kLastBoot;
-    dumps[open].section = line.section;
-    last_s = now;
-    idle = 0;
-  };
-  auto seen = [&] {
-    last_s = now;
-    idle = 0;
-  };
-  if (t.find("Show Blocked State") != std::string::npos) {
-    start("SysRq w");
-    return;
-  }
-  if (t.find("Show backtrace of all active CPUs") != std::string::npos) {
-    start("SysRq l");
-    return;
-  }
-  const char kHung[] = "INFO: task ";
-  const char* said = " likely owned by task ";
-  size_t likely = t.find(said);
-  if (likely == std::string::npos) likely = t.find(said = " likely last held by task ");
-  if (StartsWith(t, kHung) && likely != std::string::npos) {
-    // 6.x: "INFO: task NAME:PID is blocked on a mutex likely owned by task OWNER:PID." (or "...
-    // <reader> blocked on an rw-semaphore likely owned by task OWNER:PID <writer>", "... blocked
-    // on a semaphore likely last held by task OWNER:PID"); the owner's own task line and stack
-    // follow.
-    if (open >= 0 && task >= 0) {
-      std::string owner = t.substr(likely + strlen(said));
-      size_t role = owner.rfind(" <");  // " <writer>"
-      if (role != std::string::npos && android::base::EndsWith(owner, ">")) owner.resize(role);
-      while (!owner.empty() && (owner.back() == '.' || owner.back() == ' ')) owner.pop_back();
-      dumps[open].tasks[task].owner = owner;
-    }
-    return;
-  }
+  if (t.find("Show Blocked State") != std::string::npos)
+    return start_dump(this, line, "SysRq w", now);
+  if (t.find("Show backtrace of all active CPUs") != std::string::npos)
+    return start_dump(this, line, "SysRq l", now);
+  if (read_owner(this, t)) return;
   if (StartsWith(t, kHung) && t.find(" blocked for more than ") != std::string::npos) {
     // One scan of the hung-task detector reports up to ten tasks, each in turn: one dump.
     if (open < 0 || dumps[open].kind != "hung task" || now < 0 || last_s < 0 || now - last_s > 1)
-      start("hung task");
-    seen();
-    return;
+      start_dump(this, line, "hung task", now);
+    return seen(this, now);
   }
   KernelTask parsed;
   // A task line of 5.10 on outside any dump: a dump whose start the log lost (its oldest lines).
-  if (open < 0 && StartsWith(t, "task:") && parse_task(t, &parsed)) start("tasks, start lost");
+  if (open < 0 && StartsWith(t, "task:") && parse_task(t, &parsed))
+    start_dump(this, line, "tasks, start lost", now);
   if (open < 0) return;
-  KernelDump& dump = dumps[open];
   if (++idle > 400 || (now >= 0 && last_s >= 0 && now - last_s > 10)) {
     open = task = -1;
     return;
   }
-  std::string function;
-  unsigned cpu = 0;
-  int pid = 0;
-  char comm[64] = {};
-  if (dump.kind == "SysRq l" &&
-      sscanf(t.c_str(), "CPU: %u PID: %d Comm: %63s", &cpu, &pid, comm) == 3) {
-    parsed.comm = comm;
-    parsed.pid = pid;
-    parsed.state = 'R';
-    dump.tasks.push_back(parsed);
-    task = static_cast<int>(dump.tasks.size() - 1);
-    seen();
-  } else if (dump.kind != "SysRq l" && parse_task(t, &parsed)) {
-    dump.tasks.push_back(parsed);
-    task = static_cast<int>(dump.tasks.size() - 1);
-    seen();
-  } else if (bool unsure = false; task >= 0 && parse_frame(t, &function, &unsure)) {
-    dump.tasks[task].stack.push_back(function);
-    dump.tasks[task].unsure.push_back(unsure);
-    seen();
-  }
-  dump.cut = !dump.tasks.empty() && dump.tasks.back().stack.empty();
+  read_body(this, t, now);
 }
 
 std::vector<KernelGroup> kernel_groups(const KernelDump& dump) {

@@ -704,7 +704,7 @@ details.dump { margin-top: 8px; font-size: 13px; } details.dump summary { cursor
 .ylabel { position: absolute; left: 4px; transform: translateY(-115%); font-size: 11px; color: #d62728; }
 .mark { stroke-width: 2; } .mark.evidence { stroke: #f59e0b; } .mark.policy { stroke: #d62728; } .mark.bind { stroke: #2563eb; stroke-dasharray: 2 3; }
 .mark.frozen, .mark.not-started { stroke: #9ca3af; stroke-dasharray: 1 3; }
-.mlabel { position: absolute; font-size: 11px; white-space: nowrap; padding: 0 4px; background: rgba(255,255,255,.85); border-radius: 3px; }
+.mlabel { position: absolute; font-size: 11px; line-height: 14px; white-space: nowrap; padding: 0 4px; background: rgba(255,255,255,.85); border-radius: 3px; }
 .mlabel.end { transform: translateX(-100%); } .mlabel.evidence { color: #b45309; } .mlabel.policy { color: #b91c1c; font-weight: 700; } .mlabel.bind { color: #2563eb; } .mlabel.frozen, .mlabel.not-started { color: var(--muted); }
 svg.band { display: block; width: 100%; height: 12px; }
 .ticks { position: relative; height: 18px; font-size: 11px; color: var(--muted); font-variant-numeric: tabular-nums; }
@@ -716,10 +716,12 @@ svg.band { display: block; width: 100%; height: 12px; }
   .ticks span.odd { display: none; }
 }
 table.fleet { border-collapse: collapse; width: 100%; font-size: 14px; margin: 8px 0 16px; } table.fleet th { text-align: left; color: var(--muted); font-weight: 600; border-bottom: 2px solid var(--line); padding: 4px 8px; }
-table.fleet td { border-bottom: 1px solid var(--line); padding: 4px 8px; vertical-align: top; overflow-wrap: anywhere; } table.fleet td.t { white-space: nowrap; font-variant-numeric: tabular-nums; }
-table.fleet code { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; white-space: pre-wrap; }
+table.fleet td { border-bottom: 1px solid var(--line); padding: 4px 8px; vertical-align: top; overflow-wrap: break-word; } table.fleet td.n, table.fleet time { white-space: nowrap; font-variant-numeric: tabular-nums; }
+table.fleet td.t { font-variant-numeric: tabular-nums; } table.fleet td.why { overflow-wrap: anywhere; } table.fleet td.sig { white-space: nowrap; } table.fleet td.why { min-width: 30%; } table.fleet td.sig a { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; }
+table.incidents td.t { white-space: nowrap; } table.incidents td:nth-child(2) { overflow-wrap: anywhere; width: 22%; }
+table.fleet code { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; white-space: pre-wrap; overflow-wrap: anywhere; }
 @media (max-width: 700px) { body { padding: 12px 12px 32px; } table.fleet tr:first-child { display: none; } table.fleet tr { display: block; border: 1px solid var(--line); border-radius: 8px; margin: 10px 0; padding: 6px 10px; }
-  table.fleet td { display: block; border: 0; padding: 2px 0; } table.fleet td::before { content: attr(data-h) ": "; color: var(--muted); } }
+  table.fleet td { display: block; border: 0; padding: 2px 0; } table.fleet td:empty { display: none; } table.fleet td::before { content: attr(data-h) ": "; color: var(--muted); } table.fleet td div { display: inline; } table.fleet td div + div::before { content: "; "; } table.incidents td:nth-child(2) { width: auto; } }
 )";
 
 }  // namespace
@@ -787,88 +789,108 @@ std::string page_head(const std::string& title) {
          escape(title) + "</title><style>" + std::string(kStyle) + "</style></head><body>\n";
 }
 
+// A run's configuration and sweeps, as facts side by side.
+std::string facts_html(const Run& run) {
+  auto policy = run.settings.find(kPropPolicy);
+  return "<dl class=\"facts\">" +
+         StringPrintf(
+             "<div><dt>timeout</dt><dd>%lld s</dd></div><div><dt>a sweep every</dt><dd>%lld "
+             "s</dd></div>",
+             static_cast<long long>(run.timeout_s),
+             static_cast<long long>(run.interval_ms / 1000)) +
+         "<div><dt>policy</dt><dd>" +
+         escape(policy == run.settings.end() ? "not logged" : policy->second) +
+         "</dd></div><div><dt>watches</dt><dd>" +
+         escape(run.watches.empty() ? "not logged" : android::base::Join(run.watches, "; ")) +
+         "</dd></div><div><dt>sweeps</dt><dd>" +
+         StringPrintf("%llu <span class=\"muted\">(%llu /proc walk, %llu ps)</span>",
+                      static_cast<unsigned long long>(run.sweeps_proc + run.sweeps_shell),
+                      static_cast<unsigned long long>(run.sweeps_proc),
+                      static_cast<unsigned long long>(run.sweeps_shell)) +
+         "</dd></div></dl>\n";
+}
+
+// A watched name's heading: the thread, its process, what it was last bound to.
+std::string record_heading(const Record& rec) {
+  bool main = rec.process.empty() || rec.process == rec.name;
+  return "<h4>" + escape(rec.name) + "<span class=\"muted\">" +
+         (main ? std::string(" (main thread)") : " of " + escape(rec.process)) +
+         (rec.pid > 0 && rec.tid != rec.pid
+              ? StringPrintf(", last bound to pid %d, tid %d", rec.pid, rec.tid)
+          : rec.pid > 0 ? StringPrintf(", last bound to pid %d", rec.pid)
+                        : std::string(", never found running")) +
+         "</span></h4>\n";
+}
+
+// Every watched name's timeline, on one time axis for the run: from its first line, sample or
+// mark to its last.
+std::string records_html(const Story& story, const Run& run) {
+  int64_t from = run.first_ms >= 0 ? run.first_ms : INT64_MAX;
+  int64_t to = run.last_ms >= 0 ? run.last_ms : INT64_MIN;
+  for (const auto& entry : run.records) {
+    for (const Point& p : entry.second.points) from = std::min(from, p.ms), to = std::max(to, p.ms);
+    for (const Mark& m : entry.second.marks) from = std::min(from, m.ms), to = std::max(to, m.ms);
+  }
+  to = std::max(to, from + 1000);
+  std::vector<int64_t> at = from <= to ? ticks(from, to, 9) : std::vector<int64_t>();
+  std::string h =
+      "<h3>Watched names, sweep by sweep</h3>\n<p class=\"legend\">state:"
+      "<i style=\"background:#d62728\"></i>D<i style=\"background:#9467bd\"></i>Z"
+      "<i style=\"background:#f2a541\"></i>S<i style=\"background:#2ca02c\"></i>running"
+      "<i style=\"background:#b0b0b0\"></i>not found &nbsp;·&nbsp; blue line: the stall "
+      "count; red dashes: the timeout</p>\n";
+  for (const auto& entry : run.records) {
+    const Record& rec = entry.second;
+    h += record_heading(rec);
+    h += !rec.points.empty() || !rec.marks.empty() ? timeline_html(story, run, rec, from, to, at)
+                                                   : "<p class=\"muted\">never sampled</p>\n";
+  }
+  return h;
+}
+
+// The daemon's own events (its self-watchdog, slow sweeps, failures), each with the kernel's dump
+// that answers it.
+std::string events_html(const Story& story, const Run& run) {
+  if (run.events.empty()) return "";
+  std::string h =
+      "<h3>The daemon itself <span class=\"muted\">(its self-watchdog, slow sweeps, "
+      "failures)</span></h3>\n<ul class=\"events\">";
+  for (const Mark& event : run.events) {
+    h += "<li class=\"" + escape(event.kind) + "\"><time>" + escape(hms(event.clock)) + "</time>" +
+         escape(named(story, run, event.text));
+    if (event.dump >= 0) {
+      const KernelDump& dump = story.dumps[event.dump];
+      h += dump_html(dump, 0,
+                     StringPrintf("%zu blocked tasks in the kernel's dump %s", dump.tasks.size(),
+                                  hms(dump.clock).c_str()));
+    } else if (event.kind == "alarm") {
+      h += "<p class=\"missing\">No blocked-task dump found: give the kernel log too (adb "
+           "shell dmesg, or the bug report, which holds it).</p>";
+    }
+    h += "</li>";
+  }
+  return h + "</ul>\n";
+}
+
+std::string run_html(const Story& story, const Run& run) {
+  std::string h =
+      StringPrintf("<section class=\"run\"><h2>stall_ward (pid %d) <span class=\"when\">",
+                   run.pid) +
+      escape(run.started.empty() ? "its start not in the log" : "started " + run.started) +
+      "</span></h2>\n";
+  if (run.lines == 0) return h + "<p class=\"note\">" + escape(kQuiet) + "</p></section>\n";
+  h += facts_html(run);
+  h +=
+      StringPrintf("<h3>Incidents <span class=\"muted\">(%zu)</span></h3>\n", run.incidents.size());
+  for (const Incident& in : run.incidents) h += incident_html(story, run, in);
+  if (run.incidents.empty()) h += "<p>None: no watched thread stalled for a whole timeout.</p>\n";
+  return h + records_html(story, run) + events_html(story, run) + "</section>\n";
+}
+
 std::string html_report(const Story& story) {
   std::string h = page_head("stall_ward report") + "<h1>stall_ward report</h1>\n";
   h += "<p class=\"sub\">" + escape(summary(story)) + "</p>\n";
-  for (const Run& run : story.runs) {
-    h += StringPrintf("<section class=\"run\"><h2>stall_ward (pid %d) <span class=\"when\">",
-                      run.pid) +
-         escape(run.started.empty() ? "its start not in the log" : "started " + run.started) +
-         "</span></h2>\n";
-    if (run.lines == 0) {
-      h += "<p class=\"note\">" + escape(kQuiet) + "</p></section>\n";
-      continue;
-    }
-    auto policy = run.settings.find(kPropPolicy);
-    h +=
-        "<dl class=\"facts\">" +
-        StringPrintf(
-            "<div><dt>timeout</dt><dd>%lld s</dd></div><div><dt>a sweep every</dt><dd>%lld "
-            "s</dd></div>",
-            static_cast<long long>(run.timeout_s), static_cast<long long>(run.interval_ms / 1000)) +
-        "<div><dt>policy</dt><dd>" +
-        escape(policy == run.settings.end() ? "not logged" : policy->second) +
-        "</dd></div><div><dt>watches</dt><dd>" +
-        escape(run.watches.empty() ? "not logged" : android::base::Join(run.watches, "; ")) +
-        "</dd></div><div><dt>sweeps</dt><dd>" +
-        StringPrintf("%llu <span class=\"muted\">(%llu /proc walk, %llu ps)</span>",
-                     static_cast<unsigned long long>(run.sweeps_proc + run.sweeps_shell),
-                     static_cast<unsigned long long>(run.sweeps_proc),
-                     static_cast<unsigned long long>(run.sweeps_shell)) +
-        "</dd></div></dl>\n";
-    h += StringPrintf("<h3>Incidents <span class=\"muted\">(%zu)</span></h3>\n",
-                      run.incidents.size());
-    for (const Incident& in : run.incidents) h += incident_html(story, run, in);
-    if (run.incidents.empty()) h += "<p>None: no watched thread stalled for a whole timeout.</p>\n";
-    // One time axis for the run: from its first line, sample or mark to its last.
-    int64_t from = run.first_ms >= 0 ? run.first_ms : INT64_MAX;
-    int64_t to = run.last_ms >= 0 ? run.last_ms : INT64_MIN;
-    for (const auto& entry : run.records) {
-      for (const Point& p : entry.second.points)
-        from = std::min(from, p.ms), to = std::max(to, p.ms);
-      for (const Mark& m : entry.second.marks) from = std::min(from, m.ms), to = std::max(to, m.ms);
-    }
-    to = std::max(to, from + 1000);
-    std::vector<int64_t> at = from <= to ? ticks(from, to, 9) : std::vector<int64_t>();
-    h += "<h3>Watched names, sweep by sweep</h3>\n<p class=\"legend\">state:"
-         "<i style=\"background:#d62728\"></i>D<i style=\"background:#9467bd\"></i>Z"
-         "<i style=\"background:#f2a541\"></i>S<i style=\"background:#2ca02c\"></i>running"
-         "<i style=\"background:#b0b0b0\"></i>not found &nbsp;·&nbsp; blue line: the stall "
-         "count; red dashes: the timeout</p>\n";
-    for (const auto& entry : run.records) {
-      const Record& rec = entry.second;
-      bool main = rec.process.empty() || rec.process == rec.name;
-      h += "<h4>" + escape(rec.name) + "<span class=\"muted\">" +
-           (main ? std::string(" (main thread)") : " of " + escape(rec.process)) +
-           (rec.pid > 0 && rec.tid != rec.pid
-                ? StringPrintf(", last bound to pid %d, tid %d", rec.pid, rec.tid)
-            : rec.pid > 0 ? StringPrintf(", last bound to pid %d", rec.pid)
-                          : std::string(", never found running")) +
-           "</span></h4>\n";
-      h += !rec.points.empty() || !rec.marks.empty() ? timeline_html(story, run, rec, from, to, at)
-                                                     : "<p class=\"muted\">never sampled</p>\n";
-    }
-    if (!run.events.empty()) {
-      h += "<h3>The daemon itself <span class=\"muted\">(its self-watchdog, slow sweeps, "
-           "failures)</span></h3>\n<ul class=\"events\">";
-      for (const Mark& event : run.events) {
-        h += "<li class=\"" + escape(event.kind) + "\"><time>" + escape(hms(event.clock)) +
-             "</time>" + escape(named(story, run, event.text));
-        if (event.dump >= 0) {
-          const KernelDump& dump = story.dumps[event.dump];
-          h += dump_html(dump, 0,
-                         StringPrintf("%zu blocked tasks in the kernel's dump %s",
-                                      dump.tasks.size(), hms(dump.clock).c_str()));
-        } else if (event.kind == "alarm") {
-          h += "<p class=\"missing\">No blocked-task dump found: give the kernel log too (adb "
-               "shell dmesg, or the bug report, which holds it).</p>";
-        }
-        h += "</li>";
-      }
-      h += "</ul>\n";
-    }
-    h += "</section>\n";
-  }
+  for (const Run& run : story.runs) h += run_html(story, run);
   std::string loose;
   for (const KernelDump& dump : story.dumps) {
     if (dump.answers.empty())
@@ -883,13 +905,13 @@ std::string html_report(const Story& story) {
 
 namespace {
 
-// An incident's Java and native stacks of the watched thread, and its blocker.
 // A known value, or null.
 template <typename T>
 nlohmann::json or_null(bool known, const T& value) {
   return known ? nlohmann::json(value) : nlohmann::json(nullptr);
 }
 
+// An incident's Java and native stacks of the watched thread, and its blocker.
 void add_stacks_json(const Story& story, const Incident& in, nlohmann::json* j) {
   (*j)["java_dump"] = or_null(in.java >= 0, in.java);
   (*j)["native_dump"] = or_null(in.native >= 0, in.native);
@@ -947,17 +969,18 @@ void add_kernel_json(const KernelDump& dump, nlohmann::json* j) {
   (*j)["groups"] = groups;
 }
 
-}  // namespace
+// A point in time as JSON: the log's clock as printed, and ms since the start of the year (local
+// time), dated by the input's year and zone where it gives them.
+struct JsonTime {
+  const InputStats& input;
 
-std::string json_report(const Story& story) {
-  using nlohmann::json;
-  const InputStats& input = story.input;
-  // A point in time: the log's clock as printed, and ms since the start of the year (local time).
-  bool leap = input.year % 4 == 0 && (input.year % 100 != 0 || input.year % 400 == 0);
-  auto in_year = [&](int64_t ms) {  // a common year has no 02-29
+  // A common year has no 02-29: from March on, its count is a day less than the leap year's.
+  int64_t in_year(int64_t ms) const {
+    bool leap = input.year % 4 == 0 && (input.year % 100 != 0 || input.year % 400 == 0);
     return input.year != 0 && !leap && ms >= 60 * kDay ? ms - kDay : ms;
-  };
-  auto time = [&](int64_t ms, const std::string& clock) -> json {
+  }
+
+  nlohmann::json operator()(int64_t ms, const std::string& clock) const {
     if (clock.empty()) return nullptr;
     if (ms < 0 && clock[0] == '[') {
       return {{"ms", nullptr},
@@ -965,114 +988,143 @@ std::string json_report(const Story& story) {
               {"clock", clock}};
     }
     if (ms < 0) ms = clock_ms(clock);
-    json t = {{"ms", in_year(ms)}, {"clock", clock}, {"iso", nullptr}};
+    nlohmann::json t = {{"ms", in_year(ms)}, {"clock", clock}, {"iso", nullptr}};
     if (input.year != 0) {
       t["iso"] = StringPrintf("%04d-%sT%s.%03d", input.year, month_day(ms).c_str(),
                               time_of_day(ms).c_str(), static_cast<int>(ms % 1000)) +
                  (input.zone.empty() ? "" : input.zone.substr(0, 3) + ":" + input.zone.substr(3));
     }
     return t;
-  };
+  }
+};
+
+nlohmann::json pid_or_null(int pid) {
+  return or_null(pid > 0, pid);
+}
+
+nlohmann::json name_or_null(const std::string& name) {
+  return or_null(!name.empty(), name);
+}
+
+// What the times mean: their unit, the year and zone the input gives, and a note saying so.
+nlohmann::json time_json(const InputStats& input) {
   std::string note = "ms: milliseconds since the start of the year, by the device's clock";
   note += input.zone.empty() ? " in its local time zone, which the input does not give"
                              : " in the zone given";
   note += input.year != 0 ? " (the year from " + input.year_from + ")"
                           : "; the input gives no year (logcat -v year has it, a bug report's "
                             "dumpstate line too): counted as a leap year";
-  json j = {{"schema_version", kSchemaVersion},
-            {"time",
-             {{"unit", "ms"},
-              {"year", input.year != 0 ? json(input.year) : json(nullptr)},
-              {"zone", input.zone.empty() ? json(nullptr) : json(input.zone)},
-              {"note", note}}},
-            {"lines", input.lines},
-            {"daemon_lines", input.daemon},
-            {"unreadable", input.unreadable},
-            {"errors", input.errors},
-            {"runs", json::array()},
-            {"kernel_dumps", json::array()}};
-  auto pid_or_null = [](int pid) { return pid > 0 ? json(pid) : json(nullptr); };
-  auto name_or_null = [](const std::string& name) {
-    return name.empty() ? json(nullptr) : json(name);
-  };
-  for (const Run& run : story.runs) {
-    json r = {{"pid", run.pid},
-              {"started", time(-1, run.started)},
-              {"settings", run.settings},
-              {"watches", run.watches},
-              {"timeout_ms", run.timeout_s * 1000},
-              {"interval_ms", run.interval_ms},
-              {"debug_lines", run.lines},
-              {"sweeps_proc", run.sweeps_proc},
-              {"sweeps_shell", run.sweeps_shell},
-              {"last_boot", run.last_boot},
-              {"records", json::object()},
-              {"incidents", json::array()},
-              {"events", json::array()}};
-    for (const auto& entry : run.records) {
-      const Record& rec = entry.second;
-      json points = json::array(), marks = json::array();
-      for (const Point& p : rec.points)
-        points.push_back({in_year(p.ms), std::string(1, p.state), p.stall_ms});
-      for (const Mark& m : rec.marks)
-        marks.push_back(
-            {{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", named(story, run, m.text)}});
-      r["records"][rec.name] = {{"thread", rec.name},
-                                {"process", name_or_null(rec.process)},
-                                {"cmd", rec.cmd},
-                                {"pid", pid_or_null(rec.pid)},
-                                {"tid", pid_or_null(rec.tid)},
-                                {"points", points},
-                                {"marks", marks}};
-    }
-    for (const Incident& in : run.incidents) {
-      json actions = json::array();
-      for (const Action& a : in.actions) {
-        std::string target = a.target.empty() ? name_of(story, run, a.pid) : a.target;
-        actions.push_back({{"what", act_name(a.what)},
-                           {"target_pid", pid_or_null(a.pid)},
-                           {"target", a.pid > 0 ? name_or_null(target) : json(nullptr)},
-                           {"time", time(a.ms, a.clock)}});
-      }
-      r["incidents"].push_back({{"record", in.record},
-                                {"thread", in.record},
-                                {"process", name_or_null(in.process)},
-                                {"pid", pid_or_null(in.pid)},
-                                {"tid", pid_or_null(in.tid)},
-                                {"state", std::string(1, in.state)},
-                                {"since", time(-1, in.since)},
-                                {"actions", actions},
-                                {"kernel_dump", in.dump >= 0 ? json(in.dump) : json(nullptr)}});
-      add_stacks_json(story, in, &r["incidents"].back());
-      add_chain_json(story, in, &r["incidents"].back());
-    }
-    for (const Mark& m : run.events) {
-      r["events"].push_back({{"time", time(m.ms, m.clock)},
-                             {"kind", m.kind},
-                             {"text", named(story, run, m.text)},
-                             {"kernel_dump", m.dump >= 0 ? json(m.dump) : json(nullptr)}});
-    }
-    j["runs"].push_back(r);
+  return {{"unit", "ms"},
+          {"year", or_null(input.year != 0, input.year)},
+          {"zone", name_or_null(input.zone)},
+          {"note", note}};
+}
+
+// A watched name: what it was last bound to, its state and stall count by sweep, its marks.
+nlohmann::json record_json(const Story& story, const Run& run, const Record& rec,
+                           const JsonTime& time) {
+  nlohmann::json points = nlohmann::json::array(), marks = nlohmann::json::array();
+  for (const Point& p : rec.points)
+    points.push_back({time.in_year(p.ms), std::string(1, p.state), p.stall_ms});
+  for (const Mark& m : rec.marks)
+    marks.push_back(
+        {{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", named(story, run, m.text)}});
+  return {{"thread", rec.name},
+          {"process", name_or_null(rec.process)},
+          {"cmd", name_or_null(rec.cmd)},
+          {"pid", pid_or_null(rec.pid)},
+          {"tid", pid_or_null(rec.tid)},
+          {"points", points},
+          {"marks", marks}};
+}
+
+// An incident: whom it is about, what the daemon did, its stacks, blocker and chain.
+nlohmann::json incident_json(const Story& story, const Run& run, const Incident& in,
+                             const JsonTime& time) {
+  nlohmann::json actions = nlohmann::json::array();
+  for (const Action& a : in.actions) {
+    std::string target = a.target.empty() ? name_of(story, run, a.pid) : a.target;
+    actions.push_back({{"what", act_name(a.what)},
+                       {"target_pid", pid_or_null(a.pid)},
+                       {"target", a.pid > 0 ? name_or_null(target) : nlohmann::json(nullptr)},
+                       {"time", time(a.ms, a.clock)}});
   }
-  for (const KernelDump& dump : story.dumps) {
-    json tasks = json::array();
-    for (const KernelTask& t : dump.tasks) {
-      json unreliable = json::array();
-      for (size_t i = 0; i < t.stack.size(); ++i) {
-        if (unsure(t, i)) unreliable.push_back(i);
-      }
-      tasks.push_back({{"comm", t.comm},
-                       {"state", std::string(1, t.state)},
-                       {"pid", t.pid},
-                       {"ppid", pid_or_null(t.ppid)},
-                       {"stack", t.stack},
-                       {"unreliable_frames", unreliable}});
-    }
-    j["kernel_dumps"].push_back({{"time", time(dump.ms, dump.clock)},
-                                 {"answers", or_null(!dump.answers.empty(), dump.answers)},
-                                 {"tasks", tasks}});
-    add_kernel_json(dump, &j["kernel_dumps"].back());
+  nlohmann::json j = {{"record", in.record},
+                      {"thread", in.record},
+                      {"process", name_or_null(in.process)},
+                      {"pid", pid_or_null(in.pid)},
+                      {"tid", pid_or_null(in.tid)},
+                      {"state", std::string(1, in.state)},
+                      {"since", time(-1, in.since)},
+                      {"actions", actions},
+                      {"kernel_dump", or_null(in.dump >= 0, in.dump)}};
+  add_stacks_json(story, in, &j);
+  add_chain_json(story, in, &j);
+  return j;
+}
+
+// A run of the daemon: its settings and sweeps, its watched names, incidents and own events.
+nlohmann::json run_json(const Story& story, const Run& run, const JsonTime& time) {
+  nlohmann::json r = {{"pid", run.pid},
+                      {"started", time(-1, run.started)},
+                      {"settings", run.settings},
+                      {"watches", run.watches},
+                      {"timeout_ms", run.timeout_s * 1000},
+                      {"interval_ms", run.interval_ms},
+                      {"debug_lines", run.lines},
+                      {"sweeps_proc", run.sweeps_proc},
+                      {"sweeps_shell", run.sweeps_shell},
+                      {"last_boot", run.last_boot},
+                      {"records", nlohmann::json::object()},
+                      {"incidents", nlohmann::json::array()},
+                      {"events", nlohmann::json::array()}};
+  for (const auto& entry : run.records)
+    r["records"][entry.second.name] = record_json(story, run, entry.second, time);
+  for (const Incident& in : run.incidents)
+    r["incidents"].push_back(incident_json(story, run, in, time));
+  for (const Mark& m : run.events) {
+    r["events"].push_back({{"time", time(m.ms, m.clock)},
+                           {"kind", m.kind},
+                           {"text", named(story, run, m.text)},
+                           {"kernel_dump", or_null(m.dump >= 0, m.dump)}});
   }
+  return r;
+}
+
+// A kernel dump: its tasks with their stacks (the unreliable frames by index), its groups.
+nlohmann::json kernel_dump_json(const KernelDump& dump, const JsonTime& time) {
+  nlohmann::json tasks = nlohmann::json::array();
+  for (const KernelTask& t : dump.tasks) {
+    nlohmann::json unreliable = nlohmann::json::array();
+    for (size_t i = 0; i < t.stack.size(); ++i) {
+      if (unsure(t, i)) unreliable.push_back(i);
+    }
+    tasks.push_back({{"comm", t.comm},
+                     {"state", std::string(1, t.state)},
+                     {"pid", t.pid},
+                     {"ppid", pid_or_null(t.ppid)},
+                     {"stack", t.stack},
+                     {"unreliable_frames", unreliable}});
+  }
+  nlohmann::json j = {{"time", time(dump.ms, dump.clock)},
+                      {"answers", or_null(!dump.answers.empty(), dump.answers)},
+                      {"tasks", tasks}};
+  add_kernel_json(dump, &j);
+  return j;
+}
+
+}  // namespace
+
+std::string json_report(const Story& story) {
+  const JsonTime time{story.input};
+  nlohmann::json j = {
+      {"schema_version", kSchemaVersion},     {"time", time_json(story.input)},
+      {"lines", story.input.lines},           {"daemon_lines", story.input.daemon},
+      {"unreadable", story.input.unreadable}, {"errors", story.input.errors},
+      {"runs", nlohmann::json::array()},      {"kernel_dumps", nlohmann::json::array()}};
+  for (const Run& run : story.runs) j["runs"].push_back(run_json(story, run, time));
+  for (const KernelDump& dump : story.dumps)
+    j["kernel_dumps"].push_back(kernel_dump_json(dump, time));
   return j.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
