@@ -249,7 +249,8 @@ TEST(Across, ReadsEachKernelsBinderLayout) {
 
 // Real captures of the driver's state (tests/report/binder, each with its source), kernels 3.10
 // to 6.12: each read whole as a file of its own (a shell's prompt, lines folded by a terminal or a
-// post, a sender that died, one-way calls, work kinds older kernels lack), no line unknown.
+// post, an author's notes and elisions, a sender that died, one-way calls, work kinds older
+// kernels lack), no line unknown.
 TEST(Across, ReadsRealBinderCaptures) {
   struct Case {
     const char* capture;
@@ -261,6 +262,7 @@ TEST(Across, ReadsRealBinderCaptures) {
       {"android-8-incoming-from-dead-sender-folded", 0, 1, 1, "incoming 0:0 12635:13399 -1"},
       {"android-8.1-state-folded-at-80-columns", 0, 0, 0, ""},
       {"android-app-outgoing-no-thread-yet-elapsed", 1, 2, 4, "outgoing 18571:18657 2055:0 48738"},
+      {"halium-hwbinder-annotated-and-elided", 2, 2, 2, "incoming 216350:939021 938936:938936 -1"},
       {"linux-6.12-binder-logs-work-kinds", 2, 2, 0, ""},
   };
   for (const Case& c : cases) {
