@@ -119,8 +119,8 @@ std::string studio_clock(const std::string& before) {
 
 void AnrReader::add(const std::string& message, int64_t ms, const std::string& clock) {
   std::string m = message.substr(std::min(message.find_first_not_of(" \t"), message.size()));
-  size_t anr = m.find("ANR in ");
-  if (anr != std::string::npos) {
+  size_t anr = m.find("ANR in ");  // after Android Studio's time and priority, where printed
+  if (anr == 0 || (anr != std::string::npos && clock.empty())) {
     now = PressureSource();
     now.anr = true;
     std::vector<std::string> name = split_words(m.substr(anr + 7));
