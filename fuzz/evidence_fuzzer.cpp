@@ -32,6 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     report::WatchdogLine watchdog;
     report::parse_watchdog(line, &watchdog);
     story.across.anr.add(line, -1, "");
+    story.across.add_section_line("BINDER FAILED TRANSACTION LOG", line);
   }
   if (story.across.anr.read.size() > lines.size()) __builtin_trap();
   story.across.finish();

@@ -6,6 +6,7 @@
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "helpers.h"
@@ -295,32 +296,42 @@ TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
   std::string caller = std::to_string(victim.pid) + ":" + std::to_string(victim.tid);
   struct Case {
     const char* capture;
-    const char* from;    // the caller, put in as the watched thread
-    const char* callee;  // put in as a blocked task of a real kernel log, or null
+    const char* section;  // of the bug report it is put in, beside the daemon's log
+    const char* from;     // the caller, put in as the watched thread
+    const char* callee;   // put in as a blocked task of a real kernel log, or null
     std::string said;
     bool culprit;  // the incident is signed by a culprit
   } cases[] = {
-      {"android-system_server-outgoing-elapsed-offset", "2055:2055", "3270",
+      {"android-system_server-outgoing-elapsed-offset", "BINDER STATE", "2055:2055", "3270",
        "waits 6 s for a binder call into com.example.app (pid 2867, thread Binder_5 3270), which "
        "waits in lock contention in `__mutex_lock.isra.0`",
        true},
-      {"android-system_server-outgoing-elapsed-offset", "2055:2055", nullptr,
+      {"android-system_server-outgoing-elapsed-offset", "BINDER TRANSACTIONS", "2055:2055", nullptr,
        "waits 6 s for a binder call into a process no input names (pid 2867, thread 3270), which "
-       "is "
-       "shown by no input (neither its state nor its stack)",
+       "is shown by no input (neither its state nor its stack)",
        false},
-      {"android-app-outgoing-no-thread-yet-elapsed", "18571:18657", nullptr,
+      {"android-app-outgoing-no-thread-yet-elapsed", "BINDER STATE", "18571:18657", nullptr,
        "waits 48 s for a binder call into a process no input names (pid 2055), which has no thread "
        "that took the call",
        true},
-      {"android-app-outgoing-no-thread-yet-elapsed", "2055:2093", nullptr, "", false},
+      {"android-app-outgoing-no-thread-yet-elapsed", "BINDER STATE", "2055:2093", nullptr, "",
+       false},
+      {"linux-3.10-failed-transaction-log", "BINDER FAILED TRANSACTION LOG", "1731:4738", nullptr,
+       "the binder driver's failed-transaction log: a reply to the thread from 733:5038 failed "
+       "(transaction 24423419): it may wait for it for ever",
+       false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.capture + std::string(" ") + c.from);
     TempDir dir;
     std::string capture = read_file(REPORT_FIXTURES "/binder/" + std::string(c.capture) + ".txt");
-    write_file(dir.path("binder"), android::base::StringReplace(capture, c.from, caller, true));
-    Lines inputs = {log, dir.path("binder")};
+    std::string section = "------ " + std::string(c.section) +
+                          " (/sys/kernel/debug/binder) ------\n" +
+                          android::base::StringReplace(capture, c.from, caller, true);
+    write_file(dir.path("bugreport.txt"),  // the section twice, as Android 11 may write it
+               "== dumpstate: 2026-11-23 11:30:00\n------ SYSTEM LOG (logcat -d) ------\n" +
+                   read_file(log) + section + section);
+    Lines inputs = {dir.path("bugreport.txt")};
     if (c.callee != nullptr) {
       std::string kernel = read_file(REPORT_FIXTURES "/kernel/binder-4.15-arm64-hung-task.txt");
       write_file(dir.path("dmesg"), android::base::StringReplace(kernel, "54781", c.callee, true));
@@ -333,6 +344,7 @@ TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
     const report::Incident& in = story.runs[0].incidents[0];
     std::vector<std::string> causes = report::chain_account(story, in, in.chain);
     EXPECT_EQ(causes.empty() ? "" : causes[0], c.said);
+    EXPECT_EQ(std::count(causes.begin(), causes.end(), c.said), c.said.empty() ? 0 : 1);
     EXPECT_EQ(report::hangs_of(story, "")[0].culprit.empty(), !c.culprit);
   }
 }

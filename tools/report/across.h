@@ -27,6 +27,9 @@ struct BinderCall {
 
 struct BinderState {
   std::vector<BinderCall> calls;
+  // The driver's log of the last transactions that failed ("N: call|async|reply from P:T to P:T
+  // ..."; `kind` the type), as the bug report's BINDER FAILED TRANSACTION LOG has it.
+  std::vector<BinderCall> failed;
   std::map<int, std::string> threads;  // tid to its "l XX ..." line, of every thread listed
   int procs = 0;                       // "proc N" blocks read
   int unknown = 0;                     // lines of none of the forms known, skipped
@@ -47,6 +50,8 @@ struct BinderReader {
   std::string context;
 };
 BinderState read_binder_state(const std::vector<std::string>& lines);
+// Reads one entry of the driver's transaction logs; false for a line of another form.
+bool parse_binder_log_entry(const std::string& line, BinderCall* call);
 // Whether a file that begins with this line is the driver's state: one of its records ("binder
 // state:", "proc N", "thread N: ...", a transaction, "dead nodes:"), or a shell's prompt before a
 // command that reads one of its files ("# cat /d/binder/proc/1037").

@@ -121,6 +121,24 @@ BinderState read_binder_state(const std::vector<std::string>& lines) {
   return reader.state;
 }
 
+bool parse_binder_log_entry(const std::string& line, BinderCall* call) {
+  std::vector<std::string> w = words(line);
+  if (w.size() < 6 || w[0].back() != ':' || !isdigit(static_cast<unsigned char>(w[0][0])) ||
+      (w[1] != "call" && w[1] != "async" && w[1] != "reply"))
+    return false;
+  BinderCall entry;
+  entry.kind = w[1];
+  entry.id = atoi(w[0].c_str());
+  bool from = false, to = false;
+  for (size_t i = 2; i + 1 < w.size(); ++i) {
+    if (w[i] == "from") from = pid_pair(w[i + 1], &entry.from_pid, &entry.from_tid);
+    if (w[i] == "to") to = pid_pair(w[i + 1], &entry.to_pid, &entry.to_tid);
+    if (w[i] == "context") entry.context = w[i + 1];
+  }
+  if (from && to) *call = entry;
+  return from && to;
+}
+
 bool binder_state_line(const std::string& line) {
   std::vector<std::string> w = words(line);
   if (w.size() < 2) return false;

@@ -283,6 +283,23 @@ void add_pressure(const Across& across, const Incident& in, std::vector<std::str
   }
 }
 
+// The driver's failed-transaction log on the thread: a transaction it sent that failed, or a reply
+// to it that failed (it may wait for that reply for ever); each once, though the log comes twice.
+void add_failed(const BinderState& state, const Incident& in, std::vector<std::string>* out) {
+  std::set<int> said;
+  for (const BinderCall& f : state.failed) {
+    bool sent = f.from_tid == in.tid;
+    if (in.tid <= 0 || (!sent && f.to_tid != in.tid) || !said.insert(f.id).second) continue;
+    int pid = sent ? f.to_pid : f.from_pid, tid = sent ? f.to_tid : f.from_tid;
+    out->push_back("the binder driver's failed-transaction log: " +
+                   std::string(sent ? "a " + f.kind + " the thread sent to "
+                                    : "a " + f.kind + " to the thread from ") +
+                   std::to_string(pid) + ":" + std::to_string(tid) + " failed (transaction " +
+                   std::to_string(f.id) + ")" +
+                   (!sent && f.kind == "reply" ? ": it may wait for it for ever" : ""));
+  }
+}
+
 }  // namespace
 
 std::vector<std::string> chain_account(const Story& story, const Incident& in, const Chain& chain) {
@@ -308,6 +325,7 @@ std::vector<std::string> chain_account(const Story& story, const Incident& in, c
     out.push_back(text);
     if (!chain.missing.empty()) out.push_back(chain.missing);
   }
+  add_failed(story.across.binder.state, in, &out);
   add_pressure(story.across, in, &out);
   for (const WatchdogSeen& seen : story.across.watchdog) {
     bool near = evidence_ms(in) < 0 || seen.ms < 0 ||
@@ -325,7 +343,10 @@ std::vector<std::string> chain_account(const Story& story, const Incident& in, c
 }
 
 void Across::add_section_line(const std::string& section, const std::string& text) {
-  if (section.compare(0, 7, "BINDER ") == 0) {
+  BinderCall entry;
+  if (section == "BINDER FAILED TRANSACTION LOG") {
+    if (parse_binder_log_entry(text, &entry)) binder.state.failed.push_back(entry);
+  } else if (section.compare(0, 7, "BINDER ") == 0) {
     binder_read = true;
     binder.add(text);
   } else if (section.compare(0, 9, "PROCESSES") == 0) {
