@@ -1,8 +1,9 @@
 // The report's readers of evidence on any text, line by line: parse_line and the kernel's dumps
 // (and their grouping by where tasks wait), the Java stack dumps and the tombstones; the monitor
 // chain of every thread ends within the dump's threads, a deadlock included; the binder state, the
-// process list, pressure and the platform watchdog's lines, and the chain across processes from
-// every thread the binder state names ends (cut or odd sections, cycles of any length).
+// process list, pressure (ActivityManager's ANR reports too) and the platform watchdog's lines,
+// and the chain across processes from every thread the binder state names ends (cut or odd
+// sections, cycles of any length).
 #include <android-base/strings.h>
 
 #include "report/report.h"
@@ -30,7 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       story.across.add_section_line(section, line);
     report::WatchdogLine watchdog;
     report::parse_watchdog(line, &watchdog);
+    story.across.anr.add(line, -1, "");
   }
+  if (story.across.anr.read.size() > lines.size()) __builtin_trap();
   story.across.finish();
   if (story.across.binder.state.calls.size() > lines.size()) __builtin_trap();
   for (const report::BinderCall& call : story.across.binder.state.calls) {

@@ -2,6 +2,7 @@
 // pressure and the platform watchdog's lines, and the chain from the watched thread to the culprit
 // on the bug reports the VM suite's real binder driver and kernel wrote (tests/report/bugreport,
 // cut by scripts/vm-fixtures.sh).
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 
@@ -170,42 +171,60 @@ TEST(Across, JoinsThePlatformWatchdogsVerdict) {
   }
 }
 
-// The driver's state as each kernel prints it: hand-written in the layouts of
-// drivers/android/binder.c's print functions over the years.
+// ActivityManager's report of an ANR carries the pressure it read (in logcat, in Android Studio's
+// format, in a trimmed copy): joined to the incident of the same process or the same time; a
+// reading of zero is said to be no cause, a high one is the cause.
+TEST(Across, JoinsThePressureOfAnAnrReport) {
+  const std::string log = REPORT_FIXTURES "/logs/ABlockedThreadGetsKernelDumpsThenTheKill.log";
+  report::Story plain = report::build_story({log});
+  const report::Incident& victim = plain.runs[0].incidents[0];
+  std::string pid = std::to_string(victim.pid), stamp = report::first_evidence(victim)->clock;
+  std::string zero =
+      "no pressure: every stall figure is zero, no cause (as ActivityManager read it";
+  struct Case {
+    const char* fixture;
+    std::string from, to, said;  // the fixture's text `from` put as `to`; "" said: none joined
+  } cases[] = {
+      {"logcat-anr-memory-zero", "PID: 27750", "PID: " + pid, ""},  // months before
+      {"logcat-anr-memory-zero", "09-29 16:03:03.457", stamp,
+       zero + " for an ANR in com.example.myapplication (pid 27750) at " + stamp + ")"},
+      {"android-studio-anr-memory-zero", "PID: 7541", "PID: " + pid,
+       zero + " for an ANR in com.google.android.gms.persistent (pid " + pid +
+           ") at 21:57:41.642)"},
+      {"android-studio-anr-memory-zero", "", "", ""},  // another process, on no known day
+      {"anr-report-memory-io-high-trimmed", "", "",
+       "under memory pressure (some avg10=82.71%), under io pressure (some avg10=85.37%) (as "
+       "ActivityManager read it for an ANR)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fixture + (" " + c.to));
+    TempDir dir;
+    std::string text = read_file(REPORT_FIXTURES "/pressure/" + std::string(c.fixture) + ".txt");
+    write_file(dir.path("anr.txt"), android::base::StringReplace(text, c.from, c.to, true));
+    report::Story story = report::build_story({log, dir.path("anr.txt")});
+    std::vector<std::string> causes =
+        report::chain_account(story, story.runs[0].incidents[0], report::Chain());
+    EXPECT_EQ(causes, c.said.empty() ? Lines() : Lines{c.said});
+  }
+}
+
+// The driver's state in the layout of drivers/android/binder.c's print functions: every field of
+// a transaction, the context it is listed under; a line of none of the forms counted.
 TEST(Across, ReadsEachKernelsBinderLayout) {
   struct Case {
     const char* text;
     const char* kind;
     int from_pid, from_tid, to_pid, to_tid;
     unsigned code, flags;
-    int64_t elapsed_ms;
     const char* context;
     int unknown;
   } cases[] = {
       // 6.1 as the VM's kernel prints it
       {"proc 100\ncontext hwbinder\n  thread 100: l 10 need_return 0 tr 0\n    outgoing "
        "transaction 4: 0000000072a1ec65 from 100:100 to 109:114 code 1 flags 10 pri 0 r1",
-       "outgoing", 100, 100, 109, 114, 1, 0x10, -1, "hwbinder", 0},
-      // an Android kernel: "pri policy:prio", "a0", the call's age
-      {"proc 1503\ncontext binder\n  thread 1530: l 11 need_return 0 tr 0\n    outgoing "
-       "transaction 91: 0000000000000000 from 1503:1530 to 938:0 code 1f flags 12 pri 0:120 a0 r1 "
-       "elapsed 48213ms",
-       "outgoing", 1503, 1530, 938, 0, 0x1f, 0x12, 48213, "binder", 0},
-      // 3.x: no context, no need_return; indented by a paste
-      {"    proc 700\n      thread 701: l 11\n        incoming transaction 12: ffffffc0 from "
-       "600:601 to 700:701 code 3 flags 10 pri 0 r1 node 5 size 8:0 data ffffffc0",
-       "incoming", 600, 601, 700, 701, 3, 0x10, -1, "", 0},
-      // a sender that died, the line folded by a terminal
-      {"  thread 801: l 11 need_return 0 tr 0 \n    incoming transaction 77: ffffffc0 from 0:0 to "
-       "800:801 code 1f  \n      flags 10 pri 0:120 r1 node 5 size 92:8 data ffffffc0",
-       "incoming", 0, 0, 800, 801, 0x1f, 0x10, -1, "", 0},
-      // dead nodes folded at 80 columns, then a call no thread has taken
-      {"binder state:\ndead nodes:\n  node 5: u0000007b50bf75a0 c0000007b2b4d5b80 pri 0:139 hs 1 "
-       "hw 1 ls 0 lw 0\n is 1 iw 1 tr 1 proc 30\n  pending transaction 9: 00 from 930:930 to "
-       "4642:0 code 1 flags 10 pri 0:120 r1 node 7 size 52:0 data 00",
-       "pending", 930, 930, 4642, 0, 1, 0x10, -1, "", 0},
+       "outgoing", 100, 100, 109, 114, 1, 0x10, "hwbinder", 0},
       // a line of none of the forms
-      {"proc 699\ncontext binder-test\n@@ noise", "", 0, 0, 0, 0, 0, 0, -1, "", 1},
+      {"proc 699\ncontext binder-test\n@@ noise", "", 0, 0, 0, 0, 0, 0, "", 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -219,15 +238,85 @@ TEST(Across, ReadsEachKernelsBinderLayout) {
               std::vector<int>({c.from_pid, c.from_tid, c.to_pid, c.to_tid}));
     EXPECT_EQ(call.code, c.code);
     EXPECT_EQ(call.flags, c.flags);
-    EXPECT_EQ(call.elapsed_ms, c.elapsed_ms);
     EXPECT_EQ(call.context, c.context);
   }
-  // 6.12's work kinds that older kernels lack, as the kernel's own commit shows them
-  report::BinderState state = report::read_binder_state(android::base::Split(
-      read_file(REPORT_FIXTURES "/binder/linux-6.12-binder-logs-work-kinds.txt"), "\n"));
-  EXPECT_EQ(state.procs, 2);
-  EXPECT_EQ(state.unknown, 0);
-  EXPECT_EQ(state.threads.size(), 2u);
+}
+
+// Real captures of the driver's state (tests/report/binder, each with its source), kernels 3.10
+// to 6.12: each read whole as a file of its own (a shell's prompt, lines folded by a terminal or a
+// post, a sender that died, one-way calls, work kinds older kernels lack), no line unknown.
+TEST(Across, ReadsRealBinderCaptures) {
+  struct Case {
+    const char* capture;
+    int procs;
+    size_t threads, calls;
+    std::string first;  // the first call: its kind, from, to, age in ms (-1: none printed)
+  } cases[] = {
+      {"linux-3.10-arm64-proc-state", 1, 4, 0, ""},
+      {"android-8-incoming-from-dead-sender-folded", 0, 1, 1, "incoming 0:0 12635:13399 -1"},
+      {"android-8.1-state-folded-at-80-columns", 0, 0, 0, ""},
+      {"android-app-outgoing-no-thread-yet-elapsed", 1, 2, 4, "outgoing 18571:18657 2055:0 48738"},
+      {"linux-6.12-binder-logs-work-kinds", 2, 2, 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.capture);
+    const std::string path = REPORT_FIXTURES "/binder/" + std::string(c.capture) + ".txt";
+    report::Story story = report::build_story({path});
+    const report::BinderState& state = story.across.binder.state;
+    EXPECT_TRUE(story.across.binder_read);
+    EXPECT_EQ(state.unknown, 0);
+    EXPECT_EQ(state.procs, c.procs);
+    EXPECT_EQ(state.threads.size(), c.threads);
+    ASSERT_EQ(state.calls.size(), c.calls);
+    if (c.calls == 0) continue;
+    const report::BinderCall& call = state.calls[0];
+    EXPECT_EQ(android::base::StringPrintf("%s %d:%d %d:%d %lld", call.kind.c_str(), call.from_pid,
+                                          call.from_tid, call.to_pid, call.to_tid,
+                                          static_cast<long long>(call.elapsed_ms)),
+              c.first);
+  }
+}
+
+// A real capture beside a real daemon log whose watched thread is put in as the capture's caller:
+// the account names the callee (its thread by a real kernel log's task, put in as the callee),
+// where it blocks, and the call's age as the kernel printed it; a one-way call waits for nothing.
+TEST(Across, FollowsRealCapturesFromTheWatchedThread) {
+  const std::string log = REPORT_FIXTURES "/logs/ABlockedThreadGetsKernelDumpsThenTheKill.log";
+  report::Story plain = report::build_story({log});
+  const report::Incident& victim = plain.runs[0].incidents[0];
+  std::string caller = std::to_string(victim.pid) + ":" + std::to_string(victim.tid);
+  struct Case {
+    const char* capture;
+    const char* from;    // the caller, put in as the watched thread
+    const char* callee;  // put in as a blocked task of a real kernel log, or null
+    std::string said;
+  } cases[] = {
+      {"android-system_server-outgoing-elapsed-offset", "2055:2055", "3270",
+       "waits 6 s for a binder call into a process no input names (pid 2867, thread Binder_5 "
+       "3270), "
+       "which waits in lock contention in `__mutex_lock.isra.0`"},
+      {"android-app-outgoing-no-thread-yet-elapsed", "18571:18657", nullptr,
+       "waits 48 s for a binder call into a process no input names (pid 2055), which has no thread "
+       "that took the call"},
+      {"android-app-outgoing-no-thread-yet-elapsed", "2055:2093", nullptr, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.capture + std::string(" ") + c.from);
+    TempDir dir;
+    std::string capture = read_file(REPORT_FIXTURES "/binder/" + std::string(c.capture) + ".txt");
+    write_file(dir.path("binder"), android::base::StringReplace(capture, c.from, caller, true));
+    Lines inputs = {log, dir.path("binder")};
+    if (c.callee != nullptr) {
+      std::string kernel = read_file(REPORT_FIXTURES "/kernel/binder-4.15-arm64-hung-task.txt");
+      write_file(dir.path("dmesg"), android::base::StringReplace(kernel, "54781", c.callee, true));
+      inputs.push_back(dir.path("dmesg"));
+    }
+    report::Story story = report::build_story(inputs);
+    const report::Incident& in = story.runs[0].incidents[0];
+    std::vector<std::string> causes =
+        report::chain_account(story, in, report::follow_chain(story, in));
+    EXPECT_EQ(causes.empty() ? "" : causes[0], c.said);
+  }
 }
 
 // Who is who, pressure and the platform watchdog, each in the forms devices print.

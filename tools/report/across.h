@@ -47,6 +47,10 @@ struct BinderReader {
   std::string context;
 };
 BinderState read_binder_state(const std::vector<std::string>& lines);
+// Whether a file that begins with this line is the driver's state: one of its records ("binder
+// state:", "proc N", "thread N: ...", a transaction, "dead nodes:"), or a shell's prompt before a
+// command that reads one of its files ("# cat /d/binder/proc/1037").
+bool binder_state_line(const std::string& line);
 
 // A process list (ps -A -T, or ps -A): who each pid and tid is.
 struct PsThread {
@@ -66,17 +70,40 @@ struct PsReader {
   std::vector<std::string> columns;  // the header's, once read
 };
 
+// Where pressure figures were read: the bug report's own sections (`anr` false), or
+// ActivityManager's report of an ANR, with the process that did not respond, its pid and when the
+// report was logged (as printed, and in Line::ms's count: -1 where the log gives no date), each
+// empty or 0 where not printed.
+struct PressureSource {
+  bool anr = false;
+  std::string process;
+  int pid = 0;
+  std::string clock;
+  int64_t ms = -1;
+};
 // One line of /proc/pressure/{cpu,memory,io}: "some avg10=.. avg60=.. avg300=.. total=..".
 struct Pressure {
   std::string resource, kind;  // "memory", "some"
   double avg10 = 0, avg60 = 0, avg300 = 0;
   int64_t total_us = -1;  // -1: not printed (a trimmed copy)
+  PressureSource from;
 };
 // Reads pressure lines; `resource` is what the section's or block's header named.
 bool parse_pressure(const std::string& line, const std::string& resource, Pressure* out);
 // The resource a header names: "------ PSI memory (/proc/pressure/memory) ------", "----- Output
 // from /proc/pressure/io -----"; empty when it names none.
 std::string pressure_resource(const std::string& header);
+
+// ActivityManager's report of an ANR in the log: "ANR in NAME (component)", "PID: N", and the
+// pressure it read between "----- Output from /proc/pressure/R -----" and "----- End output from
+// ... -----". Takes each message of its lines (logcat's; a line without a stamp: Android Studio's
+// further lines of a message, a copy of the report, with `ms` -1 and `clock` empty), in order.
+struct AnrReader {
+  std::vector<Pressure> read;
+  PressureSource now;    // the report being read
+  std::string resource;  // the pressure file whose figures come next, empty when none
+  void add(const std::string& message, int64_t ms, const std::string& clock);
+};
 
 // The platform watchdog's verdict in its log lines and its trace's "Subject:" line.
 struct WatchdogLine {
@@ -103,7 +130,8 @@ struct WatchdogSeen {
 struct Across {
   BinderReader binder;
   PsReader ps;
-  std::vector<Pressure> pressure;
+  std::vector<Pressure> pressure;  // the bug report's own sections
+  AnrReader anr;                   // and ActivityManager's ANR reports
   std::vector<WatchdogSeen> watchdog;
   bool binder_read = false, ps_read = false;
   void add_section_line(const std::string& section, const std::string& text);
@@ -129,12 +157,13 @@ struct Hop {
   std::string process, thread;  // empty when no input names them
   int pid = 0, tid = 0;
   // "binder call", "monitor", "kernel lock", "kernel", "lock", "runs", "nothing known", "gone",
-  // "no thread yet" (a call no thread of the process has taken)
+  // "not shown" (no input shows its state or stack), "no thread yet" (a call no thread of the
+  // process has taken)
   std::string waits;
-  std::string where;               // the frame it waits in, or the kernel's wait channel
-  KernelTask task;                 // its task where a kernel dump lists it with a stack
-  std::string evidence;            // the input that shows it
-  int64_t age_ms = -1;             // the call's age where the kernel printed it
+  std::string where;     // the frame it waits in, or the kernel's wait channel
+  KernelTask task;       // its task where a kernel dump lists it with a stack
+  std::string evidence;  // the input that shows it
+  int64_t age_ms = -1;   // the call's age where the kernel printed it
 };
 struct Chain {
   std::vector<Hop> hops;
@@ -142,12 +171,13 @@ struct Chain {
   std::string missing;  // the input that would take the chain further, when it stops short
 };
 // Follows the incident's thread through binder calls, kernel locks and the process list to the
-// culprit or a cycle; empty when the inputs hold no binder state or process list.
+// culprit or a cycle; empty when the inputs hold no binder state or process list. The story does
+// it once for each incident (Incident::chain), when every input is read; the outputs format that.
 Chain follow_chain(const Story& story, const Incident& in);
 // The chain and the conditions around it in plain words, one sentence each: the cause, the
 // pressure, the platform watchdog's verdict.
 std::vector<std::string> chain_account(const Story& story, const Incident& in, const Chain& chain);
-// The chain on the page (empty when there is none) and in --json (the incident's "chain").
+// The incident's chain on the page (empty when there is none) and in --json ("chain").
 std::string chain_html(const Story& story, const Incident& in);
 void add_chain_json(const Story& story, const Incident& in, nlohmann::json* incident);
 // The hops as JSON objects (for --json, and --jsonl's ordered keys).

@@ -30,9 +30,9 @@ std::vector<std::string> words(const std::string& line) {
 // before it (a terminal folded it).
 bool record_start(const std::string& word) {
   static const std::set<std::string> kStarts = {
-      "proc",     "context",  "thread",  "node",        "ref",  "buffer",
-      "outgoing", "incoming", "pending", "transaction", "dead", "binder",
-      "has",      "unknown",  "bad",     "active",      "free"};
+      "proc",     "context", "thread",      "node", "ref",    "buffer", "outgoing",
+      "incoming", "pending", "transaction", "dead", "binder", "has",    "unknown",
+      "bad",      "active",  "free",        "#",    "$"};  // and a shell's prompt
   return kStarts.count(word) != 0 || word.compare(0, 3, "BC_") == 0 ||
          word.compare(0, 3, "BR_") == 0;
 }
@@ -49,7 +49,9 @@ bool pid_pair(const std::string& text, int* pid, int* tid) {
   return true;
 }
 
-bool transaction(const std::vector<std::string>& w, BinderCall* call) {
+// A one-way call ("pending async transaction", flags with 0x01) is one no thread waits for.
+bool transaction(std::vector<std::string> w, BinderCall* call) {
+  if (w.size() > 1 && w[1] == "async") w.erase(w.begin() + 1);
   if (w.size() < 3 || w[1] != "transaction") return false;
   if (w[0] != "outgoing" && w[0] != "incoming" && w[0] != "pending") return false;
   call->kind = w[0];
@@ -72,7 +74,7 @@ void parse(const std::string& line, BinderReader* reader) {
   if (w.empty()) return;
   BinderState& state = reader->state;
   BinderCall call;
-  if (w[0] == "proc" && w.size() == 2) {
+  if (w[0] == "proc" && w.size() >= 2 && isdigit(static_cast<unsigned char>(w[1][0]))) {
     reader->proc = atoi(w[1].c_str());
     reader->context.clear();
     ++state.procs;
@@ -119,10 +121,24 @@ BinderState read_binder_state(const std::vector<std::string>& lines) {
   return reader.state;
 }
 
+bool binder_state_line(const std::string& line) {
+  std::vector<std::string> w = words(line);
+  if (w.size() < 2) return false;
+  char last = w[0].back();
+  if (last == '#' || last == '$' || w[1] == "#" || w[1] == "$")  // "# cat /d/binder/state"
+    return line.find("binder") != std::string::npos;
+  if (w[0] == "binder" || w[0] == "dead") return w[1] != ":" && w.back().back() == ':';
+  if (w[0] == "proc") return isdigit(static_cast<unsigned char>(w[1][0]));
+  if (w[0] == "thread") return w[1].back() == ':';
+  if (w[0] == "outgoing" || w[0] == "incoming" || w[0] == "pending")
+    return w[1] == "transaction" || w[1] == "async";
+  return false;
+}
+
 const BinderCall* BinderState::outgoing_of(int tid) const {
   const BinderCall* found = nullptr;
   for (const BinderCall& call : calls) {
-    if (call.from_tid != tid || tid == 0) continue;
+    if (call.from_tid != tid || tid == 0 || (call.flags & 0x01) != 0) continue;
     if (call.kind == "outgoing") return &call;
     if (found == nullptr) found = &call;
   }

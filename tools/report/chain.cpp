@@ -23,6 +23,9 @@ const KernelTask* kernel_task(const Story& story, int tid) {
   return found;
 }
 
+// How far from the evidence another program's report of the same time may be: ten minutes.
+constexpr int64_t kNearMs = 600000;
+
 // When the daemon first took evidence of the incident (its clock in ms), -1 when it did not.
 int64_t evidence_ms(const Incident& in) {
   const Action* first = first_evidence(in);
@@ -84,7 +87,7 @@ int step(const Story& story, Hop* hop, Chain* chain, int* pid) {
   if (const PsThread* task = across.ps.list.task(hop->tid)) {
     by_process_list(*task, hop);
   } else if (!across.ps_read) {
-    hop->waits = "nothing known";
+    hop->waits = "not shown";
     hop->evidence = "no process list or kernel dump in the input";
   } else {
     hop->waits = "gone";
@@ -118,6 +121,30 @@ int monitor_holder(const Story& story, const Incident& in, Chain* chain) {
   return in.tid;
 }
 
+// Who the thread is: the watched thread as the daemon named it; else by the process list, else by
+// the kernel's task line (its thread) and a Java or native dump of its process (the process).
+Hop hop_of(const Story& story, const Incident& in, int tid, int pid) {
+  Hop hop;
+  hop.tid = tid;
+  hop.pid = pid;
+  const ProcessList& ps = story.across.ps.list;
+  if (const PsThread* task = ps.task(tid)) {
+    hop.pid = task->pid;
+    hop.thread = task->name;
+  } else if (const KernelTask* task = kernel_task(story, tid)) {
+    hop.thread = task->comm;
+  }
+  if (tid == in.tid) {
+    hop.pid = in.pid;
+    hop.thread = in.record;
+  }
+  hop.process = hop.pid == in.pid ? in.process : ps.process_name(hop.pid);
+  for (const ProcessDump& dump : story.stacks) {
+    if (hop.process.empty() && hop.pid > 0 && dump.pid == hop.pid) hop.process = dump.cmd;
+  }
+  return hop;
+}
+
 }  // namespace
 
 Chain follow_chain(const Story& story, const Incident& in) {
@@ -127,19 +154,8 @@ Chain follow_chain(const Story& story, const Incident& in) {
   std::set<int> tids, pids;
   int start = monitor_holder(story, in, &chain);
   for (int tid = start, pid = in.pid; tid > 0 && chain.hops.size() < 32;) {
-    Hop hop;
-    hop.tid = tid;
-    hop.pid = pid;
+    Hop hop = hop_of(story, in, tid, pid);
     pid = 0;
-    if (const PsThread* task = across.ps.list.task(tid)) {
-      hop.pid = task->pid;
-      hop.thread = task->name;
-    }
-    if (tid == in.tid) {
-      hop.pid = in.pid;
-      hop.thread = in.record;
-    }
-    hop.process = hop.pid == in.pid ? in.process : across.ps.list.process_name(hop.pid);
     if (!tids.insert(tid).second) {
       hop.waits = "cycle";
       chain.cycle = true;
@@ -196,10 +212,11 @@ bool frame_has(const std::vector<std::string>& stack, std::initializer_list<cons
 // What the hop's thread does, after "which".
 std::string how(const Hop& hop) {
   std::string at = hop.where.empty() ? "" : " in `" + hop.where + "`";
-  if (hop.waits == "kernel" && frame_has(hop.task.stack, {"io_schedule", "wait_on_page", "bit_wait_io"}))
-    return "is blocked on I/O" + at;
   if (hop.waits == "kernel" &&
-      frame_has(hop.task.stack, {"mutex_lock", "rwsem_down", "down_read", "down_write", "rt_mutex"}))
+      frame_has(hop.task.stack, {"io_schedule", "wait_on_page", "bit_wait_io"}))
+    return "is blocked on I/O" + at;
+  if (hop.waits == "kernel" && frame_has(hop.task.stack, {"mutex_lock", "rwsem_down", "down_read",
+                                                          "down_write", "rt_mutex"}))
     return "waits in lock contention" + at;
   if (hop.waits == "kernel") return "waits in the kernel" + at;
   if (hop.waits == "kernel lock") return "waits in the kernel" + at + " for a lock";
@@ -207,6 +224,7 @@ std::string how(const Hop& hop) {
   if (hop.waits == "runs") return "runs";
   if (hop.waits == "gone") return "is gone: no input lists it";
   if (hop.waits == "no thread yet") return "has no thread that took the call";
+  if (hop.waits == "not shown") return "is shown by no input (neither its state nor its stack)";
   return "sleeps" + at + ", waiting on nothing known";
 }
 
@@ -214,20 +232,55 @@ std::string seconds(int64_t ms) {
   return ms < 0 ? "" : " " + std::to_string(ms / 1000) + " s";
 }
 
-std::string pressure_words(const std::vector<Pressure>& all) {
+// The figures of one reading in words: the resources under pressure (avg10 of 10% or more, the
+// first figure of each), else that there is little or none; then where they were read.
+std::string pressure_words(const std::vector<Pressure>& reading) {
   std::string high;
   bool any = false;
-  for (const Pressure& p : all) {
+  for (const Pressure& p : reading) {
     any = any || p.avg10 > 0;
-    if (p.avg10 < 10) continue;
-    char figure[96];
-    snprintf(figure, sizeof(figure), "under %s pressure (%s avg10=%.0f%%)", p.resource.c_str(),
-             p.kind.c_str(), p.avg10);
-    high += (high.empty() ? "" : ", ") + std::string(figure);
+    std::string named = "under " + p.resource + " pressure";
+    if (p.avg10 < 10 || high.find(named) != std::string::npos) continue;
+    char figure[64];
+    snprintf(figure, sizeof(figure), " (%s avg10=%g%%)", p.kind.c_str(), p.avg10);
+    high += (high.empty() ? "" : ", ") + named + figure;
   }
-  if (!high.empty()) return high;
-  if (!any) return "no pressure: every stall figure is zero, no cause";
-  return "little pressure (every avg10 under 10%), no cause";
+  if (high.empty())
+    high = any ? "little pressure (every avg10 under 10%), no cause"
+               : "no pressure: every stall figure is zero, no cause";
+  const PressureSource& from = reading[0].from;
+  if (!from.anr) return high;
+  return high + " (as ActivityManager read it for an ANR" +
+         (from.process.empty() ? "" : " in " + from.process) +
+         (from.pid == 0 ? "" : " (pid " + std::to_string(from.pid) + ")") +
+         (from.clock.empty() ? "" : " at " + from.clock) + ")";
+}
+
+// Whether a reading bears on the incident: the bug report's own, a copy that says nothing of when
+// or whom, an ANR's of the same process, or of any process at the same time (both within ten
+// minutes of the evidence where both times are known).
+bool bears_on(const PressureSource& from, const Incident& in) {
+  int64_t at = evidence_ms(in);
+  bool timed = from.ms >= 0 && at >= 0;
+  if (timed && (from.ms < at - kNearMs || from.ms > at + kNearMs)) return false;
+  return (from.pid == 0 && from.clock.empty()) || from.pid == in.pid || timed;
+}
+
+// One sentence per reading (the figures read at one time in one place) that bears on the incident.
+void add_pressure(const Across& across, const Incident& in, std::vector<std::string>* out) {
+  std::vector<Pressure> all = across.pressure;
+  all.insert(all.end(), across.anr.read.begin(), across.anr.read.end());
+  std::vector<Pressure> reading;
+  for (size_t i = 0; i <= all.size(); ++i) {
+    bool same = i < all.size() && !reading.empty() && reading[0].from.anr == all[i].from.anr &&
+                reading[0].from.clock == all[i].from.clock &&
+                reading[0].from.pid == all[i].from.pid;
+    if (!same && !reading.empty()) {
+      if (bears_on(reading[0].from, in)) out->push_back(pressure_words(reading));
+      reading.clear();
+    }
+    if (i < all.size()) reading.push_back(all[i]);
+  }
 }
 
 }  // namespace
@@ -255,10 +308,10 @@ std::vector<std::string> chain_account(const Story& story, const Incident& in, c
     out.push_back(text);
     if (!chain.missing.empty()) out.push_back(chain.missing);
   }
-  if (!story.across.pressure.empty()) out.push_back(pressure_words(story.across.pressure));
+  add_pressure(story.across, in, &out);
   for (const WatchdogSeen& seen : story.across.watchdog) {
     bool near = evidence_ms(in) < 0 || seen.ms < 0 ||
-                (seen.ms > evidence_ms(in) - 600000 && seen.ms < evidence_ms(in) + 600000);
+                (seen.ms > evidence_ms(in) - kNearMs && seen.ms < evidence_ms(in) + kNearMs);
     if (seen.pid != in.pid || !near || seen.line.kind == "goodbye") continue;
     out.push_back(std::string("the platform watchdog ") +
                   (seen.line.kind == "killing" ? "killed " : "reported ") +

@@ -25,7 +25,7 @@ std::string escaped(const std::string& text) {
 }  // namespace
 
 std::string chain_html(const Story& story, const Incident& in) {
-  Chain chain = follow_chain(story, in);
+  const Chain& chain = in.chain;
   std::vector<std::string> account = chain_account(story, in, chain);
   if (account.empty()) return "";
   std::string h = "<h5>" +
@@ -65,7 +65,7 @@ template nlohmann::json chain_hops_json<nlohmann::json>(const Chain& chain);
 template nlohmann::ordered_json chain_hops_json<nlohmann::ordered_json>(const Chain& chain);
 
 void add_chain_json(const Story& story, const Incident& in, nlohmann::json* j) {
-  Chain chain = follow_chain(story, in);
+  const Chain& chain = in.chain;
   (*j)["chain"] = chain_hops_json<nlohmann::json>(chain);
   (*j)["chain_cycle"] = chain.cycle;
   (*j)["chain_missing"] = chain.missing;

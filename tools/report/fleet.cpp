@@ -301,7 +301,7 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input) {
         if (!top->empty()) parts.push_back(std::string(kind) + ": " + Join(*top, " < "));
       }
       h.frames = Join(parts, "; ");
-      h.chain = follow_chain(story, in);
+      h.chain = in.chain;
       sign(&h);
       hangs.push_back(std::move(h));
     }

@@ -218,8 +218,7 @@ struct SectionFilter {
       first = false;
       if (starts(l, "*** *** ***") || starts(l, "----- pid ") || starts(l, "Subject:"))
         from = Line::kStackDump;
-      if (starts(l, "binder state:") || starts(l, "binder transactions:") ||
-          starts(l, "binder proc state:")) {
+      if (binder_state_line(std::string(l))) {
         from = Line::kSection;
         source = "BINDER STATE";
       }
@@ -356,8 +355,15 @@ bool passed_over(std::string_view l) {
   std::string_view tag = rest.substr(0, colon);
   while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
   while (!tag.empty() && (tag[0] == ' ' || tag[0] == '\t')) tag.remove_prefix(1);
-  // the platform watchdog's lines are read too
+  // the platform watchdog's lines are read too, and ActivityManager's report of an ANR
   if (tag.size() == 8 && memcmp(tag.data(), "Watchdog", 8) == 0) return false;
+  if (tag == "ActivityManager") {
+    std::string_view m = rest.substr(colon + 1);
+    if (!m.empty() && m[0] == ' ') m.remove_prefix(1);
+    if (starts(m, "ANR in ") || starts(m, "PID: ") || starts(m, "-----") || starts(m, "some ") ||
+        starts(m, "full "))
+      return false;
+  }
   return tag != "stall_ward" && !may_start_dump(rest);
 }
 
@@ -379,7 +385,11 @@ void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* 
     line.text = l;
   } else if (cut || !parse_line(std::string(l), &line)) {
     ++stats->unreadable;
-    return;
+    if (cut) return;
+    line = Line();  // handed on as it is: it may go on a report of several lines
+    line.from = filter->from;
+    line.section = filter->section;
+    line.text = l;
   }
   if (line.year != 0 && stats->year == 0) {
     stats->year = line.year;

@@ -365,7 +365,7 @@ std::string incident_text(const Story& story, const Run& run, const Incident& in
   const KernelTask* task = in.dump >= 0 ? task_of(story.dumps[in.dump], in.tid) : nullptr;
   if (task != nullptr) s += "; kernel stack: " + stack_line(*task, 8);
   s += stacks_text(story, in);
-  for (const std::string& sentence : chain_account(story, in, follow_chain(story, in)))
+  for (const std::string& sentence : chain_account(story, in, in.chain))
     s += "; " + sentence;
   return s +
          (task != nullptr || in.java >= 0 || in.native >= 0 ? "." : ". " + missing_dump(story, in));

@@ -2,6 +2,7 @@
 // the pressure-stall lines and the platform watchdog's verdicts.
 #include <stdlib.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "report/across.h"
@@ -103,6 +104,55 @@ bool parse_pressure(const std::string& line, const std::string& resource, Pressu
   if (!avg10) return false;
   *out = p;
   return true;
+}
+
+// The time a line of Android Studio's logcat starts with ("21:57:41.642  E  ANR in ...", with the
+// date before it where shown): its words up to the first with a colon.
+std::string studio_clock(const std::string& before) {
+  std::string clock;
+  for (const std::string& word : split_words(before)) {
+    clock += (clock.empty() ? "" : " ") + word;
+    if (word.find(':') != std::string::npos) return clock;
+  }
+  return "";
+}
+
+// The lines of one report share their stamp: a line of the log with another one ends it. Each
+// report's figures count once (a log section written twice).
+void AnrReader::add(const std::string& message, int64_t ms, const std::string& clock) {
+  std::string m = message.substr(std::min(message.find_first_not_of(" \t"), message.size()));
+  size_t anr = m.find("ANR in ");
+  if (anr != std::string::npos) {
+    now = PressureSource();
+    now.anr = true;
+    std::vector<std::string> name = split_words(m.substr(anr + 7));
+    if (!name.empty()) now.process = name[0];
+    now.clock = clock.empty() ? studio_clock(m.substr(0, anr)) : clock;
+    now.ms = ms;
+    resource.clear();
+    return;
+  }
+  if (!clock.empty() && clock != now.clock) {
+    now = PressureSource();
+    resource.clear();
+  }
+  Pressure p;
+  if (m.compare(0, 5, "PID: ") == 0 && now.anr && now.pid == 0) {
+    now.pid = atoi(m.c_str() + 5);
+  } else if (m.compare(0, 18, "----- Output from ") == 0) {
+    resource = pressure_resource(m);
+    now.anr = true;
+  } else if (resource.empty() || !parse_pressure(m, resource, &p)) {
+    resource.clear();
+  } else {
+    p.from = now;
+    for (const Pressure& r : read) {
+      if (!now.clock.empty() && r.from.clock == now.clock && r.from.pid == now.pid &&
+          r.resource == p.resource && r.kind == p.kind)
+        return;
+    }
+    read.push_back(p);
+  }
 }
 
 // "Blocked in handler on NAME (THREAD)[ for Ns]" or "Blocked in monitor CLASS on NAME (THREAD)[ for

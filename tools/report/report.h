@@ -223,6 +223,7 @@ struct Incident {
   int dump = -1;  // index into Story::dumps of the kernel dump taken as evidence
   std::vector<Action> actions;
   int java = -1, native = -1;  // indexes into Story::stacks of the dumps that answered
+  Chain chain;  // from the thread across processes to the culprit, once every input is read
 };
 
 // The incident's first evidence action, or null.

@@ -596,6 +596,10 @@ void add_line(Builder* b, const Line& line) {
       again =
           again || (s.clock == seen.clock && s.pid == seen.pid && s.line.kind == seen.line.kind);
     if (!again) b->story.across.watchdog.push_back(seen);
+  } else if (line.kind == Line::kLogcat && line.tag == "ActivityManager") {
+    b->story.across.anr.add(line.text, line.ms, line.clock);
+  } else if (line.kind == Line::kOther && line.from == Line::kLog) {
+    b->story.across.anr.add(line.text, -1, "");  // a line of a report without a stamp
   } else if (line.kind == Line::kLogcat && line.tag == "stall_ward") {
     if (repeated(b, line)) return;
     ++b->story.input.daemon;
@@ -821,6 +825,9 @@ Story build_story(const std::vector<std::string>& paths) {
       seen.ms = dump.ms;
       seen.clock = dump.when;
     }
+  }
+  for (Run& run : b.story.runs) {
+    for (Incident& in : run.incidents) in.chain = follow_chain(b.story, in);
   }
   return std::move(b.story);
 }
