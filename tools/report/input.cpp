@@ -188,8 +188,10 @@ struct LineSplitter {
   }
 };
 
+// The first character told apart before the call to memcmp: most lines differ there.
 bool starts(std::string_view s, std::string_view prefix) {
-  return s.size() >= prefix.size() && memcmp(s.data(), prefix.data(), prefix.size()) == 0;
+  return s.size() >= prefix.size() && (prefix.empty() || s[0] == prefix[0]) &&
+         memcmp(s.data(), prefix.data(), prefix.size()) == 0;
 }
 
 // Which lines of the stream count, and as what. A bug report ("== dumpstate:" near the top) holds
