@@ -259,6 +259,11 @@ TEST(Report, ABugReportOfEveryCaseTellsEachIncidentAndRendersInChromium) {
   Child empty = spawn(STALL_WARD_REPORT_PATH, {"r", dir.path("empty.txt")}, dir.path("empty.err"));
   EXPECT_EQ(WEXITSTATUS(empty.wait(20000)), 1);
   EXPECT_NE(read_file(dir.path("empty.err")).find(report::kNoDaemonLine), std::string::npos);
+  EXPECT_EQ(WEXITSTATUS(spawn(STALL_WARD_REPORT_PATH, {"r", "--summary", dir.path("empty.txt")},
+                              dir.path("empty.err"))
+                            .wait(20000)),
+            1)
+      << "a fleet without a line of the daemon, the same";
   Child browser =
       spawn("/usr/bin/chromium",
             {"chromium", "--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",

@@ -87,8 +87,9 @@ static const char kHelp[] =
     "With the daemon's debug logging off (persist.vendor.sw.debug=0) its log holds only its "
     "start;\n"
     "the report says so and still lists each SysRq dump in the kernel log.\n"
-    "Exit status: 0, 2 when an input cannot be read (a zip cut short or damaged included), 64\n"
-    "for a bad command line (no input, an unknown option).\n";
+    "Exit status: 0, 1 when no input holds a line of the daemon (said on stderr), 2 when an\n"
+    "input cannot be read (a zip cut short or damaged included), 64 for a bad command line (no\n"
+    "input, an unknown option).\n";
 
 namespace {
 
@@ -167,7 +168,8 @@ bool write_page(const std::string& page, const std::string& file) {
 }
 
 // Each input a device's bug report: one incident a line, or the table of signatures (and its
-// page). 2 when an input is damaged or the page cannot be written.
+// page). 2 when an input is damaged or the page cannot be written, 1 when no input holds a line of
+// the daemon.
 int fleet(const Options& opts) {
   report::Summary table;
   table.pages = !opts.html.empty();
@@ -183,7 +185,10 @@ int fleet(const Options& opts) {
                                                 });
   if (opts.summary) fputs(table.table().c_str(), stdout);
   if (!opts.html.empty() && !write_page(table.html(stats), opts.html)) return 2;
-  return stats.damaged > 0 ? 2 : 0;
+  if (stats.damaged > 0) return 2;
+  if (stats.with_daemon > 0) return 0;
+  cli::error(kTool, "%s", report::kNoDaemonLine);
+  return 1;
 }
 
 // The inputs as one story: the account or its JSON (and its page). 2 when an input cannot be

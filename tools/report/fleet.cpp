@@ -315,7 +315,7 @@ namespace {
 // The inputs of a fleet read by several threads at once and handed on in their order.
 struct FleetRead {
   struct Done {
-    bool ready = false;
+    bool ready = false, daemon = false;
     std::vector<Hang> hangs;
     std::vector<std::string> errors;
   };
@@ -363,6 +363,7 @@ struct FleetRead {
                 message.c_str());
       stats.damaged += !e.errors.empty();
       stats.with_incidents += !e.hangs.empty();
+      stats.with_daemon += e.daemon;
       take(std::move(e.hangs));
       e = Done();
       e.ready = true;
@@ -384,6 +385,7 @@ struct FleetRead {
       Story story = build_story({paths[i]});
       Done d;
       d.errors = story.input.errors;
+      d.daemon = story.input.daemon > 0;
       if (d.errors.empty()) d.hangs = hangs_of(story, paths[i]);
       std::error_code error;
       uint64_t size = std::filesystem::file_size(paths[i], error);

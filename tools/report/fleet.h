@@ -46,6 +46,7 @@ std::vector<Hang> hangs_of(const Story& story, const std::string& input);
 // than a few inputs ahead of the one `take` waits for.
 struct FleetStats {
   size_t inputs = 0, with_incidents = 0, damaged = 0;
+  size_t with_daemon = 0;  // inputs that hold a line of the daemon
   uint64_t bytes = 0;
 };
 FleetStats read_fleet(const std::vector<std::string>& paths, int jobs, bool progress, FILE* errors,

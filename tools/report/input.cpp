@@ -188,8 +188,10 @@ struct LineSplitter {
   }
 };
 
+// The first character told apart before the call to memcmp: most lines differ there.
 bool starts(std::string_view s, std::string_view prefix) {
-  return s.size() >= prefix.size() && memcmp(s.data(), prefix.data(), prefix.size()) == 0;
+  return s.size() >= prefix.size() && (prefix.empty() || s[0] == prefix[0]) &&
+         memcmp(s.data(), prefix.data(), prefix.size()) == 0;
 }
 
 // Which lines of the stream count, and as what. A bug report ("== dumpstate:" near the top) holds
@@ -307,24 +309,23 @@ bool tag_read(std::string_view tag, std::string_view m) {
           starts(m, "full "));
 }
 
-// A line of the log that the story has no use for, known at a glance: a logcat line of another
-// tag than the daemon's, or a kernel line, that cannot start a kernel dump. What this does not
-// recognise goes on to parse_line, which has the last word. The checks follow parse_logcat's and
-// parse_kernel's, on fewer forms.
-bool passed_over(std::string_view l) {
-  if (l.empty()) return false;
-  if (l[0] == '[') {  // "[  12.345678] text"
-    size_t close = l.find(']');
-    if (close == std::string_view::npos) return false;
-    std::string_view stamp = l.substr(1, close - 1);
-    while (!stamp.empty() && stamp[0] == ' ') stamp.remove_prefix(1);
-    size_t dot = stamp.find('.');
-    if (dot == std::string_view::npos || !all_digits(stamp.substr(0, dot)) ||
-        !all_digits(stamp.substr(dot + 1))) {
-      return false;
-    }
-    return !may_start_dump(l.substr(close + 1));
+// A kernel line ("[  12.345678] text") that cannot start a kernel dump.
+bool kernel_passed_over(std::string_view l) {
+  size_t close = l.find(']');
+  if (close == std::string_view::npos) return false;
+  std::string_view stamp = l.substr(1, close - 1);
+  while (!stamp.empty() && stamp[0] == ' ') stamp.remove_prefix(1);
+  size_t dot = stamp.find('.');
+  if (dot == std::string_view::npos || !all_digits(stamp.substr(0, dot)) ||
+      !all_digits(stamp.substr(dot + 1))) {
+    return false;
   }
+  return !may_start_dump(l.substr(close + 1));
+}
+
+// Where a logcat line's tag begins: after its clock ("MM-DD hh:mm:ss.mmm", with -v year
+// "YYYY-" before it) and its [uid] pid tid priority fields; npos when the line is not so.
+size_t logcat_tag_at(std::string_view l) {
   size_t at = l.size() > 5 && l[4] == '-' ? 5 : 0;  // -v year
   const char* p = l.data();
   auto digit = [p](size_t i) { return static_cast<unsigned char>(p[i] - '0') < 10; };
@@ -333,7 +334,7 @@ bool passed_over(std::string_view l) {
         p[at + 5] == ' ' && digit(at + 6) && digit(at + 7) && p[at + 8] == ':' && digit(at + 9) &&
         digit(at + 10) && p[at + 11] == ':' && digit(at + 12) && digit(at + 13) &&
         p[at + 14] == '.' && digit(at + 15) && digit(at + 16) && digit(at + 17))) {
-    return false;
+    return std::string_view::npos;
   }
   size_t pos = at + 18, size = l.size();
   while (pos < size && digit(pos)) ++pos;
@@ -346,26 +347,44 @@ bool passed_over(std::string_view l) {
     while (pos < size && p[pos] == ' ') ++pos;
     size_t end = pos;
     while (end < size && p[end] != ' ') ++end;
-    if (pos >= size || end >= size) return false;
+    if (pos >= size || end >= size) return std::string_view::npos;
     start[n] = pos;
     len[n++] = end - pos;
     pos = end + 1;
     if (len[n - 1] == 1 && priority(p[start[n - 1]])) break;
   }
-  if (n < 3 || len[n - 1] != 1 || !priority(p[start[n - 1]])) return false;
+  if (n < 3 || len[n - 1] != 1 || !priority(p[start[n - 1]])) return std::string_view::npos;
   for (size_t f = n - 3; f < n - 1; ++f) {
-    if (len[f] == 0) return false;
+    if (len[f] == 0) return std::string_view::npos;
     for (size_t i = start[f]; i < start[f] + len[f]; ++i) {
-      if (!digit(i)) return false;
+      if (!digit(i)) return std::string_view::npos;
     }
   }
-  std::string_view rest = l.substr(pos);
+  return pos;
+}
+
+// A logcat line's "TAG: message" the story has no use for: another tag than the daemon's, the
+// platform watchdog's and ActivityManager's report of an ANR, that cannot start a kernel dump.
+bool tag_passed_over(std::string_view rest) {
   size_t colon = rest.find(": ");
   if (colon == std::string_view::npos) return false;
   std::string_view tag = rest.substr(0, colon);
   while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
   while (!tag.empty() && (tag[0] == ' ' || tag[0] == '\t')) tag.remove_prefix(1);
-  return !tag_read(tag, rest.substr(colon + 2)) && !may_start_dump(rest);
+  std::string_view m = rest.substr(colon + 1);
+  if (!m.empty() && m[0] == ' ') m.remove_prefix(1);
+  return !tag_read(tag, m) && !may_start_dump(rest);
+}
+
+// A line of the log that the story has no use for, known at a glance: a logcat line of another
+// tag than the daemon's, or a kernel line, that cannot start a kernel dump. What this does not
+// recognise goes on to parse_line, which has the last word. The checks follow parse_logcat's and
+// parse_kernel's, on fewer forms.
+bool passed_over(std::string_view l) {
+  if (l.empty()) return false;
+  if (l[0] == '[') return kernel_passed_over(l);
+  size_t tag = logcat_tag_at(l);
+  return tag != std::string_view::npos && tag_passed_over(l.substr(tag));
 }
 
 void emit_line(std::string_view l, bool cut, SectionFilter* filter, InputStats* stats,

@@ -716,9 +716,9 @@ svg.band { display: block; width: 100%; height: 12px; }
   .ticks span.odd { display: none; }
 }
 table.fleet { border-collapse: collapse; width: 100%; font-size: 14px; margin: 8px 0 16px; } table.fleet th { text-align: left; color: var(--muted); font-weight: 600; border-bottom: 2px solid var(--line); padding: 4px 8px; }
-table.fleet td { border-bottom: 1px solid var(--line); padding: 4px 8px; vertical-align: top; overflow-wrap: break-word; } table.fleet td.n, table.fleet time { white-space: nowrap; font-variant-numeric: tabular-nums; }
-table.fleet td.t { font-variant-numeric: tabular-nums; } table.fleet td.why { overflow-wrap: anywhere; } table.fleet td.sig { white-space: nowrap; } table.fleet td.why { min-width: 30%; } table.fleet td.sig a { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; }
-table.incidents td.t { white-space: nowrap; } table.incidents td:nth-child(2) { overflow-wrap: anywhere; width: 22%; }
+table.fleet td { border-bottom: 1px solid var(--line); padding: 4px 8px; vertical-align: top; overflow-wrap: break-word; } table.fleet td.n, table.fleet time, table.incidents td.t { white-space: nowrap; font-variant-numeric: tabular-nums; }
+table.fleet td.why { overflow-wrap: anywhere; min-width: 30%; } table.fleet td.sig { white-space: nowrap; } table.fleet td.sig a { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; }
+table.incidents td:nth-child(2) { overflow-wrap: anywhere; width: 22%; }
 table.fleet code { font: 12.5px/1.45 ui-monospace, "DejaVu Sans Mono", monospace; white-space: pre-wrap; overflow-wrap: anywhere; }
 @media (max-width: 700px) { body { padding: 12px 12px 32px; } table.fleet tr:first-child { display: none; } table.fleet tr { display: block; border: 1px solid var(--line); border-radius: 8px; margin: 10px 0; padding: 6px 10px; }
   table.fleet td { display: block; border: 0; padding: 2px 0; } table.fleet td:empty { display: none; } table.fleet td::before { content: attr(data-h) ": "; color: var(--muted); } table.fleet td div { display: inline; } table.fleet td div + div::before { content: "; "; } table.incidents td:nth-child(2) { width: auto; } }
