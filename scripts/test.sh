@@ -5,7 +5,7 @@
 #   scripts/test.sh              the host suites, the device checks and the VM suite
 #   scripts/test.sh --host-only  the host suites alone
 #   scripts/test.sh --full       everything: also the soak (1,000 sweeps under churn), every
-#                                suite again built with ASan and UBSan, every fuzzer for 60 s,
+#                                suite again built with ASan and UBSan, every fuzzer for 30 s,
 #                                and the mutation check
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
@@ -28,7 +28,7 @@ ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=1 UBSAN_OPTIONS=print_stacktr
   ctest --test-dir build-asan --output-on-failure -j"$(nproc)"
 
 echo "== the fuzzers"
-scripts/fuzz.sh 60
+scripts/fuzz.sh 30
 
 echo "== the mutation check: every listed one-line fault must be caught"
 scripts/mutants.sh
