@@ -97,20 +97,12 @@ std::string name_of(const Story& story, const Run& run, int pid) {
   return "";
 }
 
-// A text of the story with every "pid N" whose name is known given as "NAME (pid N)".
-std::string named(const Story& story, const Run& run, const std::string& text) {
-  std::string out;
-  size_t at = 0, hit;
-  while ((hit = text.find("pid ", at)) != std::string::npos) {
-    int pid = atoi(text.c_str() + hit + 4);
-    std::string name =
-        pid > 0 && (hit == 0 || text[hit - 1] == ' ') ? name_of(story, run, pid) : "";
-    out += text.substr(at, hit - at) + (name.empty() ? "" : name + " (");
-    at = text.find_first_not_of("0123456789", hit + 4);
-    if (at == std::string::npos) at = text.size();
-    out += text.substr(hit, at - hit) + (name.empty() ? "" : ")");
-  }
-  return out + text.substr(at);
+// A mark as the account says it, its process as "NAME (pid N)" where its name is known.
+std::string mark_words(const Story& story, const Run& run, const Mark& m) {
+  if (m.pid <= 0) return m.text;
+  std::string name = name_of(story, run, m.pid);
+  std::string pid = "pid " + std::to_string(m.pid);
+  return m.text + " " + (name.empty() ? pid : name + " (" + pid + ")") + m.tail;
 }
 
 // "system_server (pid 6589)", "pid 5 (its name is not in the log)", "a process whose pid is not
@@ -498,7 +490,7 @@ std::string policy_words(const Story& story, const Run& run, const Record& rec, 
       if (a.clock == m.clock && !evidence_action(a)) return action_words(story, run, in, a);
     }
   }
-  return named(story, run, m.text);
+  return mark_words(story, run, m);
 }
 
 // Ticks for a time axis: at a round step that gives at most `most` of them.
@@ -564,7 +556,7 @@ std::string timeline_html(const Story& story, const Run& run, const Record& rec,
         "<line class=\"mark %s\" x1=\"%.1f\" y1=\"0\" x2=\"%.1f\" y2=\"100\"><title>%s "
         "%s</title></line>",
         m.kind.c_str(), x(m.ms), x(m.ms), escape(hms(m.clock)).c_str(),
-        escape(named(story, run, m.text)).c_str());
+        escape(mark_words(story, run, m)).c_str());
   }
   h += "</svg>";
   h += StringPrintf("<span class=\"ylabel\" style=\"top:%.1f%%\">timeout %llds</span>", ty,
@@ -587,7 +579,7 @@ std::string timeline_html(const Story& story, const Run& run, const Record& rec,
     h += StringPrintf(
         "<span class=\"mlabel %s%s\" style=\"left:%.2f%%;top:%dpx\" title=\"%s %s\">%s</span>",
         m.kind.c_str(), px > 75 ? " end" : "", px, 2 + 15 * row, escape(hms(m.clock)).c_str(),
-        escape(named(story, run, m.text)).c_str(), escape(label).c_str());
+        escape(mark_words(story, run, m)).c_str(), escape(label).c_str());
   }
   h += "</div><svg class=\"band\" viewBox=\"0 0 1000 10\" preserveAspectRatio=\"none\">";
   for (size_t i = 0; i < rec.points.size(); ++i) {
@@ -771,7 +763,7 @@ std::string text_report(const Story& story) {
     for (const Incident& incident : run.incidents)
       s += "\n  " + incident_text(story, run, incident) + "\n";
     for (const Mark& event : run.events)
-      s += "\n  " + hms(event.clock) + " " + named(story, run, event.text) + ".\n";
+      s += "\n  " + hms(event.clock) + " " + mark_words(story, run, event) + ".\n";
   }
   bool header = false;
   for (const KernelDump& dump : story.dumps) {
@@ -857,7 +849,7 @@ std::string events_html(const Story& story, const Run& run) {
       "failures)</span></h3>\n<ul class=\"events\">";
   for (const Mark& event : run.events) {
     h += "<li class=\"" + escape(event.kind) + "\"><time>" + escape(hms(event.clock)) + "</time>" +
-         escape(named(story, run, event.text));
+         escape(mark_words(story, run, event));
     if (event.dump >= 0) {
       const KernelDump& dump = story.dumps[event.dump];
       h += dump_html(dump, 0,
@@ -1028,7 +1020,7 @@ nlohmann::json record_json(const Story& story, const Run& run, const Record& rec
     points.push_back({time.in_year(p.ms), std::string(1, p.state), p.stall_ms});
   for (const Mark& m : rec.marks)
     marks.push_back(
-        {{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", named(story, run, m.text)}});
+        {{"time", time(m.ms, m.clock)}, {"kind", m.kind}, {"text", mark_words(story, run, m)}});
   return {{"thread", rec.name},
           {"process", name_or_null(rec.process)},
           {"cmd", name_or_null(rec.cmd)},
@@ -1085,7 +1077,7 @@ nlohmann::json run_json(const Story& story, const Run& run, const JsonTime& time
   for (const Mark& m : run.events) {
     r["events"].push_back({{"time", time(m.ms, m.clock)},
                            {"kind", m.kind},
-                           {"text", named(story, run, m.text)},
+                           {"text", mark_words(story, run, m)},
                            {"kernel_dump", or_null(m.dump >= 0, m.dump)}});
   }
   return r;

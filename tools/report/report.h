@@ -192,7 +192,10 @@ struct Point {
 };
 struct Mark {
   int64_t ms;
-  std::string clock, kind, text;  // kind: bind, evidence, policy, frozen, not-started
+  std::string clock, kind;  // kind: bind, evidence, policy, frozen, not-started, alarm, slow, error
+  std::string text;         // what happened, up to the process it names if it names one
+  int pid = 0;              // that process (0: none), given by its name where it is shown
+  std::string tail;         // what follows the process
   int dump = -1;  // a self-watchdog event: index into Story::dumps of the dump it asked for
 };
 

@@ -70,8 +70,9 @@ Context* ctx_of(Builder* b) {
   return &b->contexts[b->current];
 }
 
-Mark mark(const Line& line, const char* kind, const std::string& text) {
-  return Mark{line.ms, line.clock, kind, text, -1};
+Mark mark(const Line& line, const char* kind, const std::string& text, int pid = 0,
+          const std::string& tail = "") {
+  return Mark{line.ms, line.clock, kind, text, pid, tail, -1};
 }
 
 // The daemon's pacing from its timeout: a sweep every quarter of it, at least every 30 s.
@@ -167,7 +168,7 @@ void absent_thread(Builder* b, const Line& line, const std::string& name, bool s
   if (rec.stall_ms == 0) set_since(&rec, line);
   if (rec.points.empty() || rec.points.back().state != '-') {
     rec.marks.push_back(
-        mark(line, "not-started", "thread not found in pid " + std::to_string(ctx_of(b)->pid)));
+        mark(line, "not-started", "thread not found in", ctx_of(b)->pid));
   }
   rec.pid = ctx_of(b)->pid;
   if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
@@ -199,12 +200,20 @@ Record* judged(Builder* b, int pid, char state, bool policy) {
   return best;
 }
 
-// A policy action as the account says it.
-std::string policy_words(Act what, int pid) {
-  return what == Act::kKill     ? "killed pid " + std::to_string(pid)
+// A policy action as the account says it, up to the process killed.
+const char* policy_verb(Act what) {
+  return what == Act::kKill     ? "killed"
          : what == Act::kReboot ? "reboot"
          : what == Act::kPanic  ? "kernel panic"
                                 : "nothing (the policy is none)";
+}
+
+std::string policy_words(Act what, int pid) {
+  return policy_verb(what) + (what == Act::kKill ? " pid " + std::to_string(pid) : "");
+}
+
+Mark policy_mark(const Line& line, Act what, int pid, const std::string& tail) {
+  return mark(line, "policy", policy_verb(what), what == Act::kKill ? pid : 0, tail);
 }
 
 void act(Incident* in, const Line& line, Act what, int pid, const std::string& target) {
@@ -231,8 +240,7 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
   Record* rec = judged(b, pid, state, false);
   if (rec == nullptr) {
     run_of(b)->events.push_back(
-        mark(line, "evidence",
-             "evidence for pid " + std::to_string(pid) + " of a record not seen in the log"));
+        mark(line, "evidence", "evidence for", pid, " of a record not seen in the log"));
     return;
   }
   char was = seen(*rec);
@@ -256,18 +264,17 @@ void evidence(Builder* b, const Line& line, int pid, char state) {
 }
 
 void policy(Builder* b, const Line& line, int pid, Act kind) {
-  std::string what = policy_words(kind, pid);
   close_sample(b);
   Record* rec = judged(b, pid, 0, true);
   if (rec == nullptr) {
-    run_of(b)->events.push_back(mark(line, "policy", what + " (its record is not in the log)"));
+    run_of(b)->events.push_back(policy_mark(line, kind, pid, " (its record is not in the log)"));
     return;
   }
   Incident& in = open_incident(b, rec);
   act(&in, line, kind, pid, pid == rec->pid && !rec->process.empty() ? rec->process : "");
   rec->stall_ms = 0;
   add_point(rec, line, seen(*rec));
-  rec->marks.push_back(mark(line, "policy", what));
+  rec->marks.push_back(policy_mark(line, kind, pid, ""));
   if (kind == Act::kPanic) {
     b->asked.emplace_back(b->current, rec->incident);
   }
