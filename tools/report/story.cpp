@@ -167,8 +167,7 @@ void absent_thread(Builder* b, const Line& line, const std::string& name, bool s
   }
   if (rec.stall_ms == 0) set_since(&rec, line);
   if (rec.points.empty() || rec.points.back().state != '-') {
-    rec.marks.push_back(
-        mark(line, "not-started", "thread not found in", ctx_of(b)->pid));
+    rec.marks.push_back(mark(line, "not-started", "thread not found in", ctx_of(b)->pid));
   }
   rec.pid = ctx_of(b)->pid;
   if (!ctx_of(b)->process.empty()) rec.process = ctx_of(b)->process;
