@@ -21,6 +21,17 @@ std::string vm_bugreport(const std::string& scenario) {
   return REPORT_FIXTURES "/bugreport/vm-arm64-6.1-" + scenario + ".txt";
 }
 
+// An unknown in --json is null, never "" or -1 (a setting is as the daemon logged it: an empty
+// property is "").
+void expect_unknowns_null(const json& j, const std::string& at) {
+  for (const auto& item : j.items()) {
+    if (item.key() == "settings") continue;
+    if (item.value().is_structured()) expect_unknowns_null(item.value(), at + "/" + item.key());
+    bool negative = item.value().is_number_integer() && item.value().get<int64_t>() < 0;
+    EXPECT_FALSE(item.value() == "" || negative) << at << "/" << item.key();
+  }
+}
+
 // Each scenario's system_server waits in a binder call: the account names the callee, how it
 // waits, and for the cycle a deadlock; --json's chain has every hop; one culprit, one signature.
 TEST(Across, FollowsTheRealDriversCallsToTheCulprit) {
@@ -65,6 +76,7 @@ TEST(Across, FollowsTheRealDriversCallsToTheCulprit) {
       EXPECT_NE(victim->story.find(words), std::string::npos) << words << "\n" << victim->story;
     EXPECT_EQ(victim->culprit, c.culprit);
     json j = json::parse(report::json_report(story));
+    expect_unknowns_null(j, "");
     for (const json& in : j["runs"][0]["incidents"]) {
       if (in["process"] != "system_server") continue;
       ASSERT_EQ(in["chain"].size(), c.hops) << in["chain"].dump(1);

@@ -55,8 +55,8 @@ Json chain_hops_json(const Chain& chain) {
                     {"pid", hop.pid},
                     {"tid", hop.tid},
                     {"waits", hop.waits},
-                    {"where", hop.where},
-                    {"evidence", hop.evidence},
+                    {"where", or_null(hop.where)},
+                    {"evidence", or_null(hop.evidence)},
                     {"age_ms", hop.age_ms < 0 ? Json() : Json(hop.age_ms)}});
   }
   return hops;
@@ -68,7 +68,7 @@ void add_chain_json(const Story& story, const Incident& in, nlohmann::json* j) {
   const Chain& chain = in.chain;
   (*j)["chain"] = chain_hops_json<nlohmann::json>(chain);
   (*j)["chain_cycle"] = chain.cycle;
-  (*j)["chain_missing"] = chain.missing;
+  (*j)["chain_missing"] = chain.missing.empty() ? nlohmann::json() : nlohmann::json(chain.missing);
   (*j)["causes"] = chain_account(story, in, chain);
 }
 
