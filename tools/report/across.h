@@ -23,6 +23,7 @@ struct BinderCall {
   int64_t elapsed_ms = -1;  // -1: the kernel printed no age (before its "elapsed Nms")
   std::string context;      // "binder", "hwbinder", "vndbinder"; empty where not printed
   int listed_under = 0;     // the proc whose block lists it
+  int error = 0;  // in the driver's transaction logs: the call's error ("ret E/P"), 0 none
 };
 
 struct BinderState {
@@ -30,12 +31,18 @@ struct BinderState {
   // The driver's log of the last transactions that failed ("N: call|async|reply from P:T to P:T
   // ..."; `kind` the type), as the bug report's BINDER FAILED TRANSACTION LOG has it.
   std::vector<BinderCall> failed;
+  // The driver's log of the last transactions, oldest first, as the bug report's BINDER
+  // TRANSACTION LOG has it: where no state is read, who a thread last called.
+  std::vector<BinderCall> logged;
   std::map<int, std::string> threads;  // tid to its "l XX ..." line, of every thread listed
   int procs = 0;                       // "proc N" blocks read
   int unknown = 0;                     // lines of none of the forms known, skipped
   // The call `tid` waits for: its outgoing transaction (else one it sent, as another process
   // lists it); null when the state shows none.
   const BinderCall* outgoing_of(int tid) const;
+  // The last synchronous call that the transaction log shows `tid` sent without an error and with
+  // no reply to `tid` after it: one it still waits for. Null when the log shows none.
+  const BinderCall* unanswered_of(int tid) const;
 };
 
 // Lines of the driver's state, in any kernel's layout from 2.6 to 6.x (with or without

@@ -134,9 +134,20 @@ bool parse_binder_log_entry(const std::string& line, BinderCall* call) {
     if (w[i] == "from") from = pid_pair(w[i + 1], &entry.from_pid, &entry.from_tid);
     if (w[i] == "to") to = pid_pair(w[i + 1], &entry.to_pid, &entry.to_tid);
     if (w[i] == "context") entry.context = w[i + 1];
+    if (w[i] == "ret") entry.error = atoi(w[i + 1].c_str());
   }
   if (from && to) *call = entry;
   return from && to;
+}
+
+const BinderCall* BinderState::unanswered_of(int tid) const {
+  const BinderCall* call = nullptr;
+  for (const BinderCall& entry : logged) {
+    if (tid != 0 && entry.kind == "call" && entry.from_tid == tid && entry.error == 0)
+      call = &entry;
+    if (tid != 0 && entry.kind == "reply" && entry.to_tid == tid) call = nullptr;
+  }
+  return call;
 }
 
 bool binder_state_line(const std::string& line) {

@@ -32,8 +32,8 @@ int64_t evidence_ms(const Incident& in) {
   return first == nullptr ? -1 : first->ms;
 }
 
-std::string call_evidence(const BinderCall& call) {
-  return "binder state: " + call.kind + " transaction " + std::to_string(call.id) + " from " +
+std::string call_evidence(const char* source, const BinderCall& call) {
+  return source + (": " + call.kind) + " transaction " + std::to_string(call.id) + " from " +
          std::to_string(call.from_pid) + ":" + std::to_string(call.from_tid) + " to " +
          std::to_string(call.to_pid) + ":" + std::to_string(call.to_tid) +
          (call.context.empty() ? "" : " (" + call.context + ")");
@@ -54,24 +54,39 @@ void by_process_list(const PsThread& task, Hop* hop) {
   }
 }
 
+// The hop waits in a binder call: the next to follow is the callee's thread, or where none is known
+// to have the call, the callee's process ends the chain (`waits` and `why` say how it stands).
+int calls(const Across& across, const BinderCall& call, const char* waits, const char* why,
+          Hop* hop, Chain* chain, int* pid) {
+  hop->waits = "binder call";
+  *pid = call.to_pid;
+  if (call.to_tid != 0) return call.to_tid;
+  Hop callee;
+  callee.pid = call.to_pid;
+  callee.process = across.ps.list.process_name(call.to_pid);
+  callee.waits = waits;
+  callee.evidence = why;
+  chain->hops.push_back(*hop);
+  *hop = callee;
+  return 0;
+}
+
 // Fills in how the hop's thread waits; the next thread to follow (its process in *pid where the
-// evidence names it), 0 when the chain ends here.
+// evidence names it), 0 when the chain ends here. Where no binder state is read, the transaction
+// log's call with no reply stands for the outgoing call.
 int step(const Story& story, Hop* hop, Chain* chain, int* pid) {
   const Across& across = story.across;
-  if (const BinderCall* call = across.binder.state.outgoing_of(hop->tid)) {
-    hop->waits = "binder call";
-    hop->evidence = call_evidence(*call);
+  const BinderState& state = across.binder.state;
+  if (const BinderCall* call = state.outgoing_of(hop->tid)) {
+    hop->evidence = call_evidence("binder state", *call);
     hop->age_ms = call->elapsed_ms;
-    *pid = call->to_pid;
-    if (call->to_tid != 0) return call->to_tid;
-    Hop callee;
-    callee.pid = call->to_pid;
-    callee.process = across.ps.list.process_name(call->to_pid);
-    callee.waits = "no thread yet";
-    callee.evidence = "no thread of the process has taken the call";
-    chain->hops.push_back(*hop);
-    *hop = callee;
-    return 0;
+    return calls(across, *call, "no thread yet", "no thread of the process has taken the call", hop,
+                 chain, pid);
+  }
+  if (const BinderCall* call = state.procs == 0 ? state.unanswered_of(hop->tid) : nullptr) {
+    hop->evidence = call_evidence("binder transaction log", *call) + ", no reply to it after it";
+    return calls(across, *call, "not shown",
+                 "the transaction log does not say which thread took the call", hop, chain, pid);
   }
   if (const KernelTask* task = kernel_task(story, hop->tid)) {
     size_t at = wait_frame(*task);
@@ -162,11 +177,13 @@ Chain follow_chain(const Story& story, const Incident& in) {
       chain.hops.push_back(hop);
       break;
     }
+    bool first = chain.hops.empty();
     tid = step(story, &hop, &chain, &pid);
+    Hop& watched = first && !chain.hops.empty() ? chain.hops[0] : hop;  // step may have put it
     int64_t since = clock_ms(in.since);
-    if (chain.hops.empty() && hop.age_ms < 0 && since >= 0 && evidence_ms(in) >= since) {
-      hop.age_ms = evidence_ms(in) - since;  // the kernel prints no age: the daemon's stall
-      hop.evidence += "; age: the daemon's stall until its evidence";
+    if (first && watched.age_ms < 0 && since >= 0 && evidence_ms(in) >= since) {
+      watched.age_ms = evidence_ms(in) - since;  // the kernel prints no age: the daemon's stall
+      watched.evidence += "; age: the daemon's stall until its evidence";
     }
     chain.cycle = chain.cycle || (hop.waits == "lock" && pids.count(hop.pid) != 0);
     pids.insert(hop.pid);
@@ -185,6 +202,11 @@ Chain follow_chain(const Story& story, const Incident& in) {
     chain.missing = "a Java or native dump of " + (last.process.empty() ? "pid" : last.process) +
                     " (pid " + std::to_string(last.pid) + ") would show where thread " +
                     std::to_string(last.tid) + " waits";
+  } else if (last.tid == 0 && across.binder.state.procs == 0) {
+    chain.missing =
+        "the binder driver's state (a bug report's BINDER TRANSACTIONS) would show "
+        "which thread of pid " +
+        std::to_string(last.pid) + " took the call";
   } else if (last.waits == "kernel" && last.evidence.compare(0, 7, "process") == 0) {
     chain.missing = "SysRq w in the kernel log would show its kernel stack";
   }
@@ -224,6 +246,7 @@ std::string how(const Hop& hop) {
   if (hop.waits == "runs") return "runs";
   if (hop.waits == "gone") return "is gone: no input lists it";
   if (hop.waits == "no thread yet") return "has no thread that took the call";
+  if (hop.waits == "not shown" && hop.tid == 0) return "took the call on a thread no input shows";
   if (hop.waits == "not shown") return "is shown by no input (neither its state nor its stack)";
   return "sleeps" + at + ", waiting on nothing known";
 }
@@ -346,6 +369,9 @@ void Across::add_section_line(const std::string& section, const std::string& tex
   BinderCall entry;
   if (section == "BINDER FAILED TRANSACTION LOG") {
     if (parse_binder_log_entry(text, &entry)) binder.state.failed.push_back(entry);
+  } else if (section == "BINDER TRANSACTION LOG") {
+    binder_read = true;
+    if (parse_binder_log_entry(text, &entry)) binder.state.logged.push_back(entry);
   } else if (section.compare(0, 7, "BINDER ") == 0) {
     binder_read = true;
     binder.add(text);

@@ -53,7 +53,7 @@ Json chain_hops_json(const Chain& chain) {
     hops.push_back({{"process", or_null(hop.process)},
                     {"thread", or_null(hop.thread)},
                     {"pid", hop.pid},
-                    {"tid", hop.tid},
+                    {"tid", hop.tid > 0 ? Json(hop.tid) : Json()},
                     {"waits", hop.waits},
                     {"where", or_null(hop.where)},
                     {"evidence", or_null(hop.evidence)},

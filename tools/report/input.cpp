@@ -262,7 +262,7 @@ struct SectionFilter {
       } else if (StartsWith(title, "VM TRACES") || StartsWith(title, "TOMBSTONE")) {
         from = Line::kStackDump;
       } else if (title == "BINDER TRANSACTIONS" || title == "BINDER STATE" ||
-                 title == "BINDER FAILED TRANSACTION LOG" ||
+                 title == "BINDER FAILED TRANSACTION LOG" || title == "BINDER TRANSACTION LOG" ||
                  StartsWith(title, "PROCESSES AND THREADS") || StartsWith(title, "PSI ")) {
         from = Line::kSection;
       } else {
