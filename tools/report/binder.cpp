@@ -143,11 +143,10 @@ bool parse_binder_log_entry(const std::string& line, BinderCall* call) {
 const BinderCall* BinderState::unanswered_of(int tid) const {
   const BinderCall* call = nullptr;
   for (const BinderCall& entry : logged) {
-    if (tid != 0 && entry.kind == "call" && entry.from_tid == tid && entry.error == 0)
-      call = &entry;
-    if (tid != 0 && entry.kind == "reply" && entry.to_tid == tid) call = nullptr;
+    if (entry.kind == "call" && entry.from_tid == tid && entry.error == 0) call = &entry;
+    if (entry.kind == "reply" && entry.to_tid == tid) call = nullptr;
   }
-  return call;
+  return tid == 0 ? nullptr : call;
 }
 
 bool binder_state_line(const std::string& line) {
