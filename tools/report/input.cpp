@@ -338,29 +338,23 @@ size_t logcat_tag_at(std::string_view l) {
   }
   size_t pos = at + 18, size = l.size();
   while (pos < size && digit(pos)) ++pos;
-  // Then [uid] pid tid priority: the first one-letter field among the next four.
-  size_t start[4], len[4], n = 0;
+  // Then [uid] pid tid priority, apart by blanks: the first one-letter field among the next four,
+  // after two of digits.
   auto priority = [](char c) {
     return c == 'V' || c == 'D' || c == 'I' || c == 'W' || c == 'E' || c == 'F' || c == 'S';
   };
-  while (n < 4) {
+  bool numeric[4];
+  for (size_t n = 0; n < 4; ++n) {
     while (pos < size && p[pos] == ' ') ++pos;
-    size_t end = pos;
-    while (end < size && p[end] != ' ') ++end;
-    if (pos >= size || end >= size) return std::string_view::npos;
-    start[n] = pos;
-    len[n++] = end - pos;
-    pos = end + 1;
-    if (len[n - 1] == 1 && priority(p[start[n - 1]])) break;
+    size_t begin = pos;
+    bool other = false;  // a character other than a digit
+    for (; pos < size && p[pos] != ' '; ++pos) other |= !digit(pos);
+    if (pos++ >= size) return std::string_view::npos;
+    if (pos - begin == 2 && priority(p[begin]))
+      return n >= 2 && numeric[n - 1] && numeric[n - 2] ? pos : std::string_view::npos;
+    numeric[n] = !other;
   }
-  if (n < 3 || len[n - 1] != 1 || !priority(p[start[n - 1]])) return std::string_view::npos;
-  for (size_t f = n - 3; f < n - 1; ++f) {
-    if (len[f] == 0) return std::string_view::npos;
-    for (size_t i = start[f]; i < start[f] + len[f]; ++i) {
-      if (!digit(i)) return std::string_view::npos;
-    }
-  }
-  return pos;
+  return std::string_view::npos;
 }
 
 // A logcat line's "TAG: message" the story has no use for: another tag than the daemon's, the
