@@ -4,6 +4,7 @@
 // kernel's logs from the virtual machine), and on bug reports assembled from both.
 #include "report/report.h"
 
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -14,6 +15,7 @@
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "helpers.h"
 #include "report/fleet.h"
@@ -59,7 +61,10 @@ TEST(Report, ParseLineReadsEveryFormatItClaims) {
       {"11-22 08:07:30.105  1000  1234  1301 W Binder Proxy : a: b",  // -v uid, a tag with spaces
        "11-22 08:07:30.105|1234 1301 Binder Proxy|a: b"},
       {"2026-11-22 08:07:30.105  1234  1301 D tag:",
-       "11-22 08:07:30.105|1234 1301 tag|"},  // -v year
+       "11-22 08:07:30.105|1234 1301 tag|"},                // -v year
+      {"11-22 08:07:30.105 E/Zygote  ( 5927): Mount(): x",  // -v time: no thread id
+       "11-22 08:07:30.105|5927 0 Zygote|Mount(): x"},
+      {"11-22 08:07:30.105 I/stall_ward(10):", "11-22 08:07:30.105|10 0 stall_ward|"},
       {"[ 1033.404112] sysrq: Show Blocked State", "[1033.404112]|-1|sysrq: Show Blocked State"},
       {"<6>[    5.000000] init: x", "[5.000000]|-1|init: x"},               // /dev/kmsg's priority
       {"[  244.878944][   T74] INFO: task", "[244.878944]|-1|INFO: task"},  // a caller field
@@ -78,6 +83,28 @@ TEST(Report, ParseLineReadsEveryFormatItClaims) {
                           ? std::to_string(l.pid) + " " + std::to_string(l.tid) + " " + l.tag
                           : std::to_string(l.ms);
     EXPECT_EQ(read ? l.clock + "|" + ids + "|" + l.text : "", want) << raw;
+  }
+}
+
+// The daemon's log in logcat -v time's layout tells the same story as in threadtime's.
+TEST(Report, ReadsTheTimeLayoutAsThreadtime) {
+  const std::regex threadtime(R"((\S+ \S+) +(\d+) +\d+ ([VDIWEFS]) (.*?): (.*))");
+  for (const char* test : {"ABlockedThreadGetsKernelDumpsThenTheKill",
+                           "AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic"}) {
+    std::string time_layout;
+    std::smatch m;
+    for (const std::string& l : android::base::Split(read_file(daemon_log(test)), "\n")) {
+      time_layout += std::regex_match(l, m, threadtime)
+                         ? android::base::StringPrintf("%s %s/%-8s(%5s): %s\n", m.str(1).c_str(),
+                                                       m.str(3).c_str(), m.str(4).c_str(),
+                                                       m.str(2).c_str(), m.str(5).c_str())
+                         : l + "\n";
+    }
+    TempDir dir;
+    write_file(dir.path("time.log"), time_layout);
+    EXPECT_EQ(report::text_report(report::build_story({dir.path("time.log")})),
+              report::text_report(report::build_story({daemon_log(test)})))
+        << test;
   }
 }
 

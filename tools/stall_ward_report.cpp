@@ -32,7 +32,7 @@ static const char kHelp[] =
     "time) and the platform watchdog's verdict on the same process.\n"
     "\n"
     "INPUT is any number of files, \"-\" for stdin, or a folder (each file in it):\n"
-    "  logcat in threadtime form (adb logcat -d, also -b all, -v uid or -v year)\n"
+    "  logcat in threadtime form (adb logcat -d, also -b all, -v uid or -v year), or -v time's\n"
     "  a kernel log (dmesg, dmesg -T, /dev/kmsg's <6> priorities, logcat -b kernel; caller fields\n"
     "    and vendors' time stamps), kernels 3.x to 6.x, arm64, ARM32 and x86: SysRq w, the\n"
     "    kernel's hung-task reports, SysRq l\n"

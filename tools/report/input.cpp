@@ -46,6 +46,29 @@ bool parse_clock(const char* p, size_t len, int64_t* ms) {
   return true;
 }
 
+// logcat -v time's "P/TAG( PID): message" after the clock (the tag padded to eight characters,
+// the pid to five; no thread id).
+bool time_form(const std::string& raw, size_t pos, Line* line) {
+  while (pos < raw.size() && raw[pos] == ' ') ++pos;
+  if (pos + 2 >= raw.size() || raw[pos + 1] != '/' || strchr("VDIWEFS", raw[pos]) == nullptr ||
+      raw[pos] == '\0')
+    return false;
+  size_t close = raw.find("): ", pos);
+  if (close == std::string::npos && raw.back() == ':' && raw[raw.size() - 2] == ')')
+    close = raw.size() - 2;
+  size_t open = close == std::string::npos ? close : raw.rfind('(', close);
+  if (open == std::string::npos || open < pos + 2) return false;
+  char* end = nullptr;
+  long pid = strtol(raw.c_str() + open + 1, &end, 10);
+  if (end != raw.c_str() + close) return false;
+  line->kind = Line::kLogcat;
+  line->pid = static_cast<int>(pid);
+  line->tid = 0;
+  line->tag = android::base::Trim(raw.substr(pos + 2, open - pos - 2));
+  line->text = raw.substr(std::min(close + 3, raw.size()));
+  return true;
+}
+
 bool parse_logcat(const std::string& raw, Line* line) {
   size_t at = 0;
   if (raw.size() > 5 && digits(raw.data(), 4) && raw[4] == '-') at = 5;  // -v year
@@ -53,6 +76,13 @@ bool parse_logcat(const std::string& raw, Line* line) {
   if (!parse_clock(raw.data() + at, raw.size() - at, &ms)) return false;
   size_t clock_end = at + 18;
   while (clock_end < raw.size() && isdigit(static_cast<unsigned char>(raw[clock_end]))) ++clock_end;
+  if (time_form(raw, clock_end, line)) {
+    line->year = at == 5 ? atoi(raw.c_str()) : 0;
+    line->zone.clear();
+    line->clock = raw.substr(at, 18);
+    line->ms = ms;
+    return true;
+  }
   // Then [uid] pid tid priority: the first one-letter field among the next four.
   std::vector<std::string> fields;
   size_t pos = clock_end;
