@@ -46,13 +46,16 @@ bool parse_clock(const char* p, size_t len, int64_t* ms) {
   return true;
 }
 
+// A logcat priority letter.
+bool is_priority(char c) {
+  return c == 'V' || c == 'D' || c == 'I' || c == 'W' || c == 'E' || c == 'F' || c == 'S';
+}
+
 // logcat -v time's "P/TAG( PID): message" after the clock (the tag padded to eight characters,
 // the pid to five; no thread id).
 bool time_form(const std::string& raw, size_t pos, Line* line) {
   while (pos < raw.size() && raw[pos] == ' ') ++pos;
-  if (pos + 2 >= raw.size() || raw[pos + 1] != '/' || strchr("VDIWEFS", raw[pos]) == nullptr ||
-      raw[pos] == '\0')
-    return false;
+  if (pos + 2 >= raw.size() || raw[pos + 1] != '/' || !is_priority(raw[pos])) return false;
   size_t close = raw.find("): ", pos);
   if (close == std::string::npos && raw.back() == ':' && raw[raw.size() - 2] == ')')
     close = raw.size() - 2;
@@ -92,11 +95,10 @@ bool parse_logcat(const std::string& raw, Line* line) {
     if (pos >= raw.size() || end == std::string::npos) return false;
     fields.push_back(raw.substr(pos, end - pos));
     pos = end + 1;
-    if (fields.back().size() == 1 && strchr("VDIWEFS", fields.back()[0]) != nullptr) break;
+    if (fields.back().size() == 1 && is_priority(fields.back()[0])) break;
   }
   size_t n = fields.size();
-  if (n < 3 || fields[n - 1].size() != 1 || strchr("VDIWEFS", fields[n - 1][0]) == nullptr)
-    return false;
+  if (n < 3 || fields[n - 1].size() != 1 || !is_priority(fields[n - 1][0])) return false;
   char* end = nullptr;
   line->pid = static_cast<int>(strtol(fields[n - 3].c_str(), &end, 10));
   if (*end != '\0') return false;
@@ -370,9 +372,6 @@ size_t logcat_tag_at(std::string_view l) {
   while (pos < size && digit(pos)) ++pos;
   // Then [uid] pid tid priority, apart by blanks: the first one-letter field among the next four,
   // after two of digits.
-  auto priority = [](char c) {
-    return c == 'V' || c == 'D' || c == 'I' || c == 'W' || c == 'E' || c == 'F' || c == 'S';
-  };
   bool numeric[4];
   for (size_t n = 0; n < 4; ++n) {
     while (pos < size && p[pos] == ' ') ++pos;
@@ -380,7 +379,7 @@ size_t logcat_tag_at(std::string_view l) {
     bool other = false;  // a character other than a digit
     for (; pos < size && p[pos] != ' '; ++pos) other |= !digit(pos);
     if (pos++ >= size) return std::string_view::npos;
-    if (pos - begin == 2 && priority(p[begin]))
+    if (pos - begin == 2 && is_priority(p[begin]))
       return n >= 2 && numeric[n - 1] && numeric[n - 2] ? pos : std::string_view::npos;
     numeric[n] = !other;
   }
