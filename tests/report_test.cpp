@@ -15,7 +15,6 @@
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "helpers.h"
 #include "report/fleet.h"
@@ -88,17 +87,17 @@ TEST(Report, ParseLineReadsEveryFormatItClaims) {
 
 // The daemon's log in logcat -v time's layout tells the same story as in threadtime's.
 TEST(Report, ReadsTheTimeLayoutAsThreadtime) {
-  const std::regex threadtime(R"((\S+ \S+) +(\d+) +\d+ ([VDIWEFS]) (.*?): (.*))");
   for (const char* test : {"ABlockedThreadGetsKernelDumpsThenTheKill",
                            "AnAsleepThreadGetsItsStacksDumpedAndABlockedOneThePanic"}) {
     std::string time_layout;
-    std::smatch m;
     for (const std::string& l : android::base::Split(read_file(daemon_log(test)), "\n")) {
-      time_layout += std::regex_match(l, m, threadtime)
-                         ? android::base::StringPrintf("%s %s/%-8s(%5s): %s\n", m.str(1).c_str(),
-                                                       m.str(3).c_str(), m.str(4).c_str(),
-                                                       m.str(2).c_str(), m.str(5).c_str())
-                         : l + "\n";
+      size_t tag = l.find(" stall_ward: ");
+      report::Line line;
+      time_layout +=
+          tag != std::string::npos && report::parse_line(l, &line)
+              ? android::base::StringPrintf("%s %c/stall_ward(%5d): %s\n", line.clock.c_str(),
+                                            l[tag - 1], line.pid, line.text.c_str())
+              : l + "\n";
     }
     TempDir dir;
     write_file(dir.path("time.log"), time_layout);
