@@ -79,13 +79,11 @@ bool parse_logcat(const std::string& raw, Line* line) {
   if (!parse_clock(raw.data() + at, raw.size() - at, &ms)) return false;
   size_t clock_end = at + 18;
   while (clock_end < raw.size() && isdigit(static_cast<unsigned char>(raw[clock_end]))) ++clock_end;
-  if (time_form(raw, clock_end, line)) {
-    line->year = at == 5 ? atoi(raw.c_str()) : 0;
-    line->zone.clear();
-    line->clock = raw.substr(at, 18);
-    line->ms = ms;
-    return true;
-  }
+  line->year = at == 5 ? atoi(raw.c_str()) : 0;
+  line->clock = raw.substr(at, 18);
+  line->ms = ms;
+  line->zone.clear();
+  if (time_form(raw, clock_end, line)) return true;
   // Then [uid] pid tid priority: the first one-letter field among the next four.
   std::vector<std::string> fields;
   size_t pos = clock_end;
@@ -109,14 +107,11 @@ bool parse_logcat(const std::string& raw, Line* line) {
   if (colon == std::string::npos && !rest.empty() && rest.back() == ':') colon = rest.size() - 1;
   if (colon == std::string::npos) return false;  // cut short before its message
   line->kind = Line::kLogcat;
-  line->year = at == 5 ? atoi(raw.c_str()) : 0;
   const std::string& zone = fields[0];  // -v zone: "+0900" between the clock and the pid
   line->zone =
       n == 4 && zone.size() == 5 && strchr("+-", zone[0]) != nullptr && digits(zone.data() + 1, 4)
           ? zone
           : "";
-  line->clock = raw.substr(at, 18);
-  line->ms = ms;
   line->tag = android::base::Trim(rest.substr(0, colon));
   line->text = rest.substr(std::min(colon + 2, rest.size()));
   return true;
